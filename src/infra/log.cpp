@@ -1,0 +1,113 @@
+#include "infra/log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+#include "infra/cdebug.h"
+#include "infra/registry.h"
+#include "infra/text_encoding.h"
+
+namespace kalvo {
+namespace {
+
+constexpr std::string_view kRoot = "HKEY_LOCAL_MACHINE:Software";
+constexpr std::string_view kMaker = "Orvanta";
+constexpr std::string_view kProduct = "Zentara";
+
+// Closes a file descriptor on every path out.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  ~FileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+bool WriteAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    bytes.remove_prefix(static_cast<size_t>(n));
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string LogTimestamp() {
+  const std::time_t now = std::time(nullptr);
+  std::tm tm{};
+  localtime_r(&now, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%d.%m.%Y %H:%M:%S", &tm);
+  return buf;
+}
+
+Log::Log(RegistryStore& registry, std::string log_path)
+    : registry_(registry), path_(std::move(log_path)), backup_path_(path_ + ".bak") {}
+
+std::string Log::LogPathFor(const ProgramInfo& program) {
+  std::string dir = program.LogDir();
+  if (!dir.ends_with('/')) dir += '/';
+  return dir + program.name + ".log";
+}
+
+void Log::WriteLog(std::string_view message, bool force, bool trace) {
+  try {
+    int32_t level = RegistryRead(registry_, kRoot, kMaker, kProduct, "LogLevel", 0).ToLong();
+    const int64_t max_mib =
+        RegistryRead(registry_, kRoot, kMaker, kProduct, "LogMaxSize", 5).ToLong();
+    if (level == 0 && force) level = 1;
+    std::string line(message);
+    if (level > 0) {
+      // The size computation is 32-bit: a limit that overflows it loses the line.
+      const int64_t limit = max_mib * 1024 * 1024;
+      if (limit > INT32_MAX || limit < INT32_MIN) return;
+
+      line = LogTimestamp() + " - " + line;
+      const std::string bytes = Cp1252ToUtf8(line) + "\r\n";
+      struct stat st {};
+      int64_t position = ::stat(path_.c_str(), &st) == 0 ? st.st_size + 1 : 1;
+      if (static_cast<int64_t>(bytes.size() - 2) + position > limit && position > 1) {
+        // The backup is always the last full generation.
+        ::unlink(backup_path_.c_str());
+        if (::rename(path_.c_str(), backup_path_.c_str()) != 0) return;
+      }
+      FileDescriptor fd(::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+      if (fd.get() < 0 || !WriteAll(fd.get(), bytes)) return;
+    }
+    if (trace && trace_ != nullptr) trace_->Write(line, true);
+  } catch (...) {
+    // A failure loses this one line and nothing else.
+  }
+}
+
+void Log::LogError(int32_t number, std::string_view description, std::string_view procedure,
+                   std::string_view extra) {
+  std::string line = "Fehler: ";
+  line += std::to_string(number);
+  line += " - ";
+  line += description;
+  line += " (";
+  line += procedure;
+  line += ") {";
+  line += extra;
+  line += "}";
+  WriteLog(line);
+}
+
+}  // namespace kalvo

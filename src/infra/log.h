@@ -1,0 +1,53 @@
+// The log file writer: one dated line per call, appended and closed at once, with a size
+// limit and one backup generation. Level and limit are re-read from the registry for every
+// line, so a change takes effect without a restart.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "infra/program_info.h"
+#include "infra/registry_store.h"
+
+namespace kalvo {
+
+class CDebug;
+
+class Log {
+ public:
+  // `registry` must outlive the Log. `log_path` is the full path of the log file; the
+  // backup is the same path with ".bak" appended.
+  Log(RegistryStore& registry, std::string log_path);
+
+  // The log file of a program: its name + ".log" in the parent of its directory.
+  static std::string LogPathFor(const ProgramInfo& program);
+
+  // Appends "<date time> - <message>" when `LogLevel` (under
+  // HKEY_LOCAL_MACHINE:Software, Orvanta, Zentara; default 0) is above 0, or is 0 and
+  // `force` is set; nothing at all when it is negative. Rotates to ".log.bak" first when the
+  // line would take the file past `LogMaxSize` MiB (default 5). With `trace`, the line (the
+  // bare message when the file was skipped) also goes to the trace object, if one is set.
+  // The file holds UTF-8. Never throws: a failure loses this one line.
+  void WriteLog(std::string_view message, bool force = false, bool trace = false);
+
+  // Writes "Fehler: <number> - <description> (<procedure>) {<extra>}". Never throws.
+  void LogError(int32_t number, std::string_view description, std::string_view procedure,
+                std::string_view extra = "");
+
+  // The trace object for lines written with `trace`; may be null. Must outlive its use here.
+  void SetTrace(CDebug* trace) { trace_ = trace; }
+
+  const std::string& path() const { return path_; }
+
+ private:
+  RegistryStore& registry_;
+  std::string path_;
+  std::string backup_path_;
+  CDebug* trace_ = nullptr;
+};
+
+// The present local date and time as the log writes it: "dd.mm.yyyy hh:mm:ss".
+std::string LogTimestamp();
+
+}  // namespace kalvo
