@@ -1,0 +1,175 @@
+#include "infra/settings.h"
+
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+
+#include "infra/log.h"
+#include "infra/registry.h"
+#include "infra/runtime_error.h"
+
+namespace kalvo {
+namespace {
+
+[[noreturn]] void TypeMismatch() { throw RuntimeError(kErrTypeMismatch, "Type mismatch"); }
+
+// A number as a conversion to a 32-bit integer does it: numbers pass, numeric texts are
+// rounded, anything else is a type mismatch.
+int32_t ToInt32(const RegistryValue& value) {
+  if (value.IsNumber()) return value.ToLong();
+  const std::string text = value.ToText();
+  if (!IsNumericText(text)) TypeMismatch();
+  const double d = std::nearbyint(std::strtod(text.c_str(), nullptr));
+  if (d < INT32_MIN || d > INT32_MAX) throw RuntimeError(kErrOverflow, "Overflow");
+  return static_cast<int32_t>(d);
+}
+
+// A Boolean as a conversion does it: numbers are true when not 0; the texts "True" and
+// "False" in any case; numeric texts as numbers.
+bool ToBool(const RegistryValue& value) {
+  if (value.IsNumber()) return value.ToLong() != 0;
+  std::string text = value.ToText();
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (text == "true") return true;
+  if (text == "false") return false;
+  return ToInt32(value) != 0;
+}
+
+}  // namespace
+
+bool IsNumericText(std::string_view text) {
+  size_t i = 0;
+  auto skip_blanks = [&] {
+    while (i < text.size() && text[i] == ' ') ++i;
+  };
+  skip_blanks();
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
+  size_t digits = 0;
+  while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) ++i, ++digits;
+  if (i < text.size() && text[i] == '.') {
+    ++i;
+    while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) ++i, ++digits;
+  }
+  if (digits == 0) return false;
+  if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
+    ++i;
+    if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
+    size_t exp_digits = 0;
+    while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) {
+      ++i, ++exp_digits;
+    }
+    if (exp_digits == 0) return false;
+  }
+  skip_blanks();
+  return i == text.size();
+}
+
+void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& s) {
+  auto read = [&](std::string_view sub_key, std::string_view name, const RegistryValue& def) {
+    return RegistryRead(registry, kSettingsRoot, kSettingsKey, sub_key, name, def);
+  };
+  auto text = [&](std::string_view sub_key, std::string_view name) {
+    return read(sub_key, name, "").ToText();
+  };
+  auto number = [&](std::string_view sub_key, std::string_view name, int32_t def) {
+    return ToInt32(read(sub_key, name, def));
+  };
+  auto boolean = [&](std::string_view sub_key, std::string_view name, bool def) {
+    return ToBool(read(sub_key, name, def ? -1 : 0));
+  };
+
+  s.dsn = text("KDX\\DB", "DSN");
+  s.login_user = decipher(text("KDX\\DB", "LoginUser"));
+  s.login_pass = decipher(text("KDX\\DB", "LoginPass"));
+  s.string_type = text("KDX\\DB", "StringType");
+  s.string_max_size = number("KDX\\DB", "StringMaxSize", 0);
+  s.number_type = text("KDX\\DB", "NumberType");
+  s.blob_type = text("KDX\\DB", "BLOBType");
+  s.blob_max_size = number("KDX\\DB", "BLOBMaxSize", 0);
+  s.backup_automatic = number("KDX\\Backup", "Automatic", 3);
+  s.backup_admin = number("KDX\\Backup", "Admin", 3);
+  s.backup_client = number("KDX\\Backup", "Client", 3);
+  s.delete_after_complete = number("KDX\\Action", "DeleteAfterComplete", 0) != 0;
+  s.log_admin = number("KDX\\Log", "LogAdmin", -1);
+  s.log_server = number("KDX\\Log", "LogServer", -1);
+  s.log_client = number("KDX\\Log", "LogClient", -1);
+  s.audit_is_active = number("KDX", "AuditIsActive", 0) != 0;
+  s.audit_display_max_count = number("KDX", "AuditDisplayMaxCount", 1000);
+  s.audit_is_limited = boolean("KDX", "AuditIsLimited", false);
+  s.audit_is_save_max_count = boolean("KDX", "AuditIsSaveMaxCount", true);
+  s.audit_save_max_count = number("KDX", "AuditSaveMaxCount", 1000);
+  s.audit_is_save_max_days = boolean("KDX", "AuditIsSaveMaxDays", false);
+  s.audit_save_max_days = number("KDX", "AuditSaveMaxDays", 365);
+  s.server_local_port = read("KDX", "ServerLocalPort", "0").ToText();
+  s.max_package_size = number("KDX", "MaxPackageSize", kDefaultMaxPackageSize);
+  s.status_port = number("KDX", "StatusPort", kDefaultStatusPort);
+  s.certificate_library = read("KDX", "CertificateLibrary", "../libbrennic.so").ToText();
+  const std::string tray = RegistryRead(registry, "HKEY_LOCAL_MACHINE:System",
+                                        "CurrentControlSet\\Services", "KalvoSrv\\Parameters",
+                                        "Taskbaricon", "1")
+                               .ToText();
+  s.tray_enabled = ToBool(RegistryValue(tray));
+}
+
+bool CheckRegistrySettings(const Settings& s, Log& log, std::string* failure) {
+  const std::string db = "Der Datenbankzugriff ist nicht korrekt eingerichtet! ";
+  const std::string& port = s.server_local_port;
+  auto port_in_range = [&] {
+    const double value = std::strtod(port.c_str(), nullptr);
+    return value >= 1025 && value <= 65535;
+  };
+  // The sizes are held as numbers, so their "numeric" checks pass by construction: a
+  // non-numeric stored value already ended the reading of the settings.
+  const struct {
+    std::function<bool()> passes;
+    std::string line;
+  } checks[] = {
+      {[&] { return IsNumericText(port); },
+       "Der zu verwendende Port des KDX ist nicht numerisch (aktuell: " + port +
+           ")! - Es wird der Standard-Port 15243 verwendet!"},
+      {port_in_range,
+       "Der zu verwendende Port des KDX liegt außerhalb des gültigen Bereichs von 1025 bis "
+       "65535 (aktuell: " +
+           port + ")! - Es wird der Standard-Port 15243 verwendet!"},
+      {[&] { return !s.dsn.empty(); }, db + "(DSN leer)"},
+      {[&] { return !s.string_type.empty(); }, db + "(DBStringType leer)"},
+      {[] { return true; }, db + "(DBStringMaxSize nicht numerisch)"},
+      {[&] { return s.string_max_size != 0; }, db + "(DBStrinMaxSize = 0)"},
+      {[&] { return !s.blob_type.empty(); }, db + "(DBBLOBType leer)"},
+      {[] { return true; }, db + "(DBBLOBMaxSize nicht numerisch)"},
+      {[&] { return s.blob_max_size != 0; }, db + "(DBBLOBMaxSize = 0)"},
+  };
+  for (const auto& check : checks) {
+    if (check.passes()) continue;
+    if (failure != nullptr) *failure = check.line;
+    log.WriteLog(check.line);
+    return false;
+  }
+  if (failure != nullptr) failure->clear();
+  return true;
+}
+
+int32_t ChooseServerPort(const Settings& s, std::string* reason) {
+  std::string why;
+  int32_t port = kDefaultServerPort;
+  const std::string& text = s.server_local_port;
+  const bool zero = IsNumericText(text) && std::strtod(text.c_str(), nullptr) == 0;
+  if (zero) {
+    why = "ServerLocalPort not found in registry -> assuming default port 15243";
+  } else {
+    int32_t value = 0;
+    const char* first = text.data();
+    const char* last = text.data() + text.size();
+    auto [p, ec] = std::from_chars(first, last, value);
+    if (ec == std::errc() && p == last && value > 0 && value <= 65535) {
+      port = value;
+    } else {
+      why = "ServerLocalPort invalid -> assuming default port 15243";
+    }
+  }
+  if (reason != nullptr) *reason = why;
+  return port;
+}
+
+}  // namespace kalvo

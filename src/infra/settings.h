@@ -1,0 +1,79 @@
+// The server's settings as read from the registry at start-up, and their checks.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "infra/registry_store.h"
+
+namespace kalvo {
+
+class Log;
+
+inline constexpr std::string_view kSettingsRoot = "HKEY_LOCAL_MACHINE:Software";
+inline constexpr std::string_view kSettingsKey = "Orvanta\\Zentara";
+inline constexpr int32_t kDefaultServerPort = 15243;
+inline constexpr int32_t kDefaultStatusPort = 15244;
+inline constexpr int32_t kDefaultMaxPackageSize = 64 * 1024 * 1024;
+
+// Every setting, with the default used when its value is missing.
+struct Settings {
+  // "KDX\DB"
+  std::string dsn;
+  std::string login_user;  // deciphered
+  std::string login_pass;  // deciphered
+  std::string string_type;
+  int32_t string_max_size = 0;
+  std::string number_type;
+  std::string blob_type;
+  int32_t blob_max_size = 0;
+  // "KDX\Backup"
+  int32_t backup_automatic = 3;
+  int32_t backup_admin = 3;
+  int32_t backup_client = 3;
+  // "KDX\Action"
+  bool delete_after_complete = false;
+  // "KDX\Log"
+  int32_t log_admin = -1;
+  int32_t log_server = -1;
+  int32_t log_client = -1;
+  // "KDX"
+  bool audit_is_active = false;
+  int32_t audit_display_max_count = 1000;
+  bool audit_is_limited = false;
+  bool audit_is_save_max_count = true;
+  int32_t audit_save_max_count = 1000;
+  bool audit_is_save_max_days = false;
+  int32_t audit_save_max_days = 365;
+  std::string server_local_port = "0";  // as stored; Form_Load decides the port
+  // Settings of this platform, also under "KDX".
+  int32_t max_package_size = kDefaultMaxPackageSize;
+  int32_t status_port = kDefaultStatusPort;
+  std::string certificate_library = "../libbrennic.so";
+  // "HKEY_LOCAL_MACHINE:System", "CurrentControlSet\Services", "KalvoSrv\Parameters"
+  bool tray_enabled = true;
+};
+
+// Deciphers a stored credential (LoginUser, LoginPass).
+using Decipher = std::function<std::string(std::string_view cipher_text)>;
+
+// Reads every setting in table order into `settings`. A value of the wrong type that cannot
+// be converted (a text where a number is expected) throws RuntimeError 13 ("Type
+// mismatch"); the values read before it are kept, the rest keep their defaults.
+void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& settings);
+
+// True when `text` is numeric as a settings check means it: optional blanks and sign, digits,
+// at most one decimal point, optional exponent. "" is not numeric.
+bool IsNumericText(std::string_view text);
+
+// Runs the start-up checks in order and stops at the first failure, which it logs (German).
+// Gives true when all pass. `failure`, when given, receives the failing check's line.
+bool CheckRegistrySettings(const Settings& settings, Log& log, std::string* failure = nullptr);
+
+// The port to listen on: ServerLocalPort when it is a valid non-zero number, else 15243.
+// `reason` receives the fallback's log line, or "" when the setting was used.
+int32_t ChooseServerPort(const Settings& settings, std::string* reason);
+
+}  // namespace kalvo

@@ -1,0 +1,251 @@
+#include "net/connection_table.h"
+
+#include <boost/asio/ip/address_v4.hpp>
+#include <boost/asio/write.hpp>
+
+namespace kalvo {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+
+// One connection. Idle connections are kept small: no per-connection read buffer (readiness
+// is awaited, then the data is read into the table's shared buffer) and no write buffers
+// until something is sent.
+struct ConnectionTable::Slot {
+  explicit Slot(tcp::socket s) : socket(std::move(s)) {}
+  tcp::socket socket;
+  std::string tag;
+  std::string remote_address;
+  std::string writing;  // the bytes of the write in flight
+  std::string queued;   // bytes waiting for the write in flight to finish
+  bool connected = true;
+  // Bumped on unload so that completions of an earlier occupant of the index are ignored.
+  uint64_t generation = 0;
+};
+
+ConnectionTable::ConnectionTable(asio::io_context& io, ConnectionEvents& events)
+    : io_(io), events_(events), acceptor_(io), slots_(1), read_buffer_(64 * 1024) {}
+
+ConnectionTable::~ConnectionTable() { CloseAll(); }
+
+bool ConnectionTable::Listen(uint16_t port, std::string* error, const std::string& bind_address) {
+  boost::system::error_code ec;
+  const auto address = asio::ip::make_address_v4(bind_address, ec);
+  if (!ec) {
+    const tcp::endpoint endpoint(address, port);
+    acceptor_.open(endpoint.protocol(), ec);
+    if (!ec) acceptor_.set_option(tcp::acceptor::reuse_address(true), ec);
+    if (!ec) acceptor_.bind(endpoint, ec);
+    if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
+  }
+  if (ec) {
+    if (error != nullptr) *error = ec.message();
+    boost::system::error_code ignored;
+    acceptor_.close(ignored);
+    return false;
+  }
+  Accept();
+  return true;
+}
+
+uint16_t ConnectionTable::LocalPort() const {
+  boost::system::error_code ec;
+  if (!acceptor_.is_open()) return 0;
+  const auto endpoint = acceptor_.local_endpoint(ec);
+  return ec ? 0 : endpoint.port();
+}
+
+bool ConnectionTable::IsListening() const { return acceptor_.is_open(); }
+
+void ConnectionTable::StopListening() {
+  boost::system::error_code ignored;
+  acceptor_.close(ignored);
+}
+
+void ConnectionTable::Accept() {
+  acceptor_.async_accept([this](const boost::system::error_code& ec, tcp::socket socket) {
+    if (ec == asio::error::operation_aborted || !acceptor_.is_open()) return;
+    if (!ec) {
+      boost::system::error_code ignored;
+      socket.set_option(tcp::no_delay(true), ignored);
+      const auto remote = socket.remote_endpoint(ignored);
+      const int index = TakeLowestFreeIndex();
+      if (index > 0) {
+        auto& slot = slots_[index];
+        slot = std::make_unique<Slot>(std::move(socket));
+        slot->remote_address = remote.address().is_v4() ? remote.address().to_v4().to_string()
+                                                         : remote.address().to_string();
+        ++count_;
+        try {
+          events_.OnConnectionRequest(index, slot->remote_address, ++request_id_);
+        } catch (...) {
+        }
+        if (IsLoaded(index)) WaitRead(index);
+      }
+      // With every 16-bit index taken the connection is dropped: `socket` closes here.
+    }
+    Accept();
+  });
+}
+
+int ConnectionTable::TakeLowestFreeIndex() {
+  if (!free_indices_.empty()) {
+    const int index = *free_indices_.begin();
+    free_indices_.erase(free_indices_.begin());
+    return index;
+  }
+  if (slots_.size() > 32767) return 0;
+  slots_.emplace_back();
+  return static_cast<int>(slots_.size() - 1);
+}
+
+ConnectionTable::Slot* ConnectionTable::Find(int index) const {
+  if (index < 1 || static_cast<size_t>(index) >= slots_.size()) return nullptr;
+  return slots_[index].get();
+}
+
+void ConnectionTable::WaitRead(int index) {
+  Slot* slot = Find(index);
+  if (slot == nullptr || !slot->connected) return;
+  slot->socket.async_wait(tcp::socket::wait_read,
+                          [this, index, generation = slot->generation,
+                           ptr = slot](const boost::system::error_code& ec) {
+                            Slot* now = Find(index);
+                            if (now != ptr || now->generation != generation) return;
+                            if (ec) {
+                              if (ec != asio::error::operation_aborted) Fail(index, ec);
+                              return;
+                            }
+                            ReadAvailable(index);
+                          });
+}
+
+void ConnectionTable::ReadAvailable(int index) {
+  Slot* slot = Find(index);
+  boost::system::error_code ec;
+  slot->socket.non_blocking(true, ec);
+  const size_t n = slot->socket.read_some(asio::buffer(read_buffer_), ec);
+  if (ec == asio::error::would_block || ec == asio::error::try_again) {
+    WaitRead(index);
+    return;
+  }
+  if (ec) {
+    Fail(index, ec);
+    return;
+  }
+  try {
+    events_.OnDataArrival(index, std::string_view(read_buffer_.data(), n));
+  } catch (...) {
+  }
+  // The handler may have unloaded the slot (or another one took its index).
+  if (Find(index) == slot) WaitRead(index);
+}
+
+void ConnectionTable::Fail(int index, const boost::system::error_code& ec) {
+  Slot* slot = Find(index);
+  if (slot == nullptr || !slot->connected) return;
+  slot->connected = false;
+  try {
+    if (ec == asio::error::eof || ec == asio::error::connection_reset) {
+      events_.OnClose(index);
+    } else {
+      events_.OnError(index, ec.value(), ec.message());
+    }
+  } catch (...) {
+  }
+}
+
+bool ConnectionTable::Send(int index, std::string bytes) {
+  Slot* slot = Find(index);
+  if (slot == nullptr || !slot->connected) return false;
+  if (slot->writing.empty()) {
+    slot->writing = std::move(bytes);
+    StartWrite(index);
+  } else {
+    slot->queued += bytes;
+  }
+  return true;
+}
+
+void ConnectionTable::StartWrite(int index) {
+  Slot* slot = Find(index);
+  if (slot->writing.empty()) return;
+  asio::async_write(
+      slot->socket, asio::buffer(slot->writing),
+      [this, index, generation = slot->generation, ptr = slot](
+          const boost::system::error_code& ec, size_t written) {
+        Slot* now = Find(index);
+        if (now != ptr || now->generation != generation) return;
+        if (ec) {
+          if (ec != asio::error::operation_aborted) Fail(index, ec);
+          return;
+        }
+        try {
+          events_.OnSendProgress(index, written);
+        } catch (...) {
+        }
+        now = Find(index);
+        if (now != ptr) return;
+        now->writing.clear();
+        now->writing.swap(now->queued);
+        if (now->writing.empty()) {
+          now->writing.shrink_to_fit();
+          now->queued.shrink_to_fit();
+        } else {
+          StartWrite(index);
+        }
+      });
+}
+
+void ConnectionTable::Unload(int index) {
+  Slot* slot = Find(index);
+  if (slot == nullptr) return;
+  boost::system::error_code ignored;
+  slot->socket.shutdown(tcp::socket::shutdown_both, ignored);
+  slot->socket.close(ignored);
+  ++slot->generation;
+  // Pending completions hold the old pointer and compare it: keep the object alive until they
+  // ran by handing it to the io_context.
+  asio::post(io_, [doomed = std::move(slots_[index])] {});
+  free_indices_.insert(index);
+  --count_;
+}
+
+void ConnectionTable::CloseAll() {
+  StopListening();
+  for (int index : LoadedIndices()) Unload(index);
+}
+
+bool ConnectionTable::IsLoaded(int index) const { return Find(index) != nullptr; }
+
+std::string ConnectionTable::RemoteAddress(int index) const {
+  const Slot* slot = Find(index);
+  return slot == nullptr ? std::string() : slot->remote_address;
+}
+
+std::string ConnectionTable::ConnectionTag(int index) const {
+  const Slot* slot = Find(index);
+  return slot == nullptr ? std::string() : slot->tag;
+}
+
+void ConnectionTable::SetConnectionTag(int index, std::string tag) {
+  if (Slot* slot = Find(index)) slot->tag = std::move(tag);
+}
+
+std::vector<int> ConnectionTable::LoadedIndices() const {
+  std::vector<int> out;
+  for (size_t i = 1; i < slots_.size(); ++i) {
+    if (slots_[i]) out.push_back(static_cast<int>(i));
+  }
+  return out;
+}
+
+int ConnectionTable::TokenConnectionCount() const {
+  int n = 0;
+  for (size_t i = 1; i < slots_.size(); ++i) {
+    if (slots_[i] && !slots_[i]->tag.empty()) ++n;
+  }
+  return n;
+}
+
+}  // namespace kalvo

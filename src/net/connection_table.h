@@ -1,0 +1,94 @@
+// The table of TCP connections: slot 0 is the listener, every accepted connection takes the
+// lowest free index from 1 upwards and keeps it until it is closed. One io_context thread
+// drives everything; socket events are handed to a ConnectionEvents sink one at a time.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kalvo {
+
+// Receives the socket events of the table. Every callback runs on the io_context thread and
+// must not throw (the table catches and drops what escapes, but the handler should log).
+class ConnectionEvents {
+ public:
+  virtual ~ConnectionEvents() = default;
+  // A connection was accepted into slot `index` (`request_id` counts accepts from 1).
+  virtual void OnConnectionRequest(int index, const std::string& remote_address,
+                                   uint64_t request_id) = 0;
+  // `chunk` arrived on slot `index`.
+  virtual void OnDataArrival(int index, std::string_view chunk) = 0;
+  // `bytes` of a queued send were written to slot `index`.
+  virtual void OnSendProgress(int index, size_t bytes) = 0;
+  // The peer of slot `index` closed the connection. The slot stays loaded until the handler
+  // calls ConnectionTable::Unload.
+  virtual void OnClose(int index) = 0;
+  // A socket error on slot `index`; the slot stays loaded as for OnClose.
+  virtual void OnError(int index, int number, const std::string& description) = 0;
+};
+
+class ConnectionTable {
+ public:
+  // `io` and `events` must outlive the table.
+  ConnectionTable(boost::asio::io_context& io, ConnectionEvents& events);
+  ~ConnectionTable();
+  ConnectionTable(const ConnectionTable&) = delete;
+  ConnectionTable& operator=(const ConnectionTable&) = delete;
+
+  // Binds the listener to 0.0.0.0:`port` (0 picks a free port) and starts accepting.
+  // `bind_address` may name another IPv4 address (tests use 127.0.0.1). Gives false and
+  // the reason in `error` when the port cannot be bound.
+  bool Listen(uint16_t port, std::string* error, const std::string& bind_address = "0.0.0.0");
+  // The listener's local port, 0 when not listening.
+  uint16_t LocalPort() const;
+  bool IsListening() const;
+  // Stops accepting; open connections stay.
+  void StopListening();
+
+  // Queues `bytes` for slot `index`; writes go out in order. Gives false (and sends nothing)
+  // when the slot is not loaded or not connected.
+  bool Send(int index, std::string bytes);
+  // Closes and unloads slot `index`, freeing its index; pending writes are dropped.
+  void Unload(int index);
+  // Closes every connection and the listener.
+  void CloseAll();
+
+  bool IsLoaded(int index) const;
+  // The peer's dotted IPv4 address ("" for a slot that is not loaded).
+  std::string RemoteAddress(int index) const;
+  // The per-connection text a token client's registration sets; "" when not loaded.
+  std::string ConnectionTag(int index) const;
+  void SetConnectionTag(int index, std::string tag);
+  // Indices of the loaded connection slots, ascending.
+  std::vector<int> LoadedIndices() const;
+  int ConnectionCount() const { return count_; }
+  // Connections whose tag is not empty: those with a token.
+  int TokenConnectionCount() const;
+
+ private:
+  struct Slot;
+  void Accept();
+  void WaitRead(int index);
+  void ReadAvailable(int index);
+  void StartWrite(int index);
+  void Fail(int index, const boost::system::error_code& ec);
+  Slot* Find(int index) const;
+  int TakeLowestFreeIndex();
+
+  boost::asio::io_context& io_;
+  ConnectionEvents& events_;
+  boost::asio::ip::tcp::acceptor acceptor_;
+  std::vector<std::unique_ptr<Slot>> slots_;  // slots_[i] for index i; [0] unused
+  std::set<int> free_indices_;                // indices below slots_.size() that are free
+  int count_ = 0;
+  uint64_t request_id_ = 0;
+  std::vector<char> read_buffer_;  // shared: reads happen one at a time on this thread
+};
+
+}  // namespace kalvo
