@@ -1,0 +1,23 @@
+#include "infra/arrays.h"
+
+namespace kalvo {
+
+std::vector<std::string> Split(std::string_view text, std::string_view separator) {
+  std::vector<std::string> parts;
+  if (text.empty()) return parts;
+  if (separator.empty()) {
+    parts.emplace_back(text);
+    return parts;
+  }
+  size_t start = 0;
+  while (true) {
+    const size_t hit = text.find(separator, start);
+    if (hit == std::string_view::npos) break;
+    parts.emplace_back(text.substr(start, hit - start));
+    start = hit + separator.size();
+  }
+  parts.emplace_back(text.substr(start));
+  return parts;
+}
+
+}  // namespace kalvo
