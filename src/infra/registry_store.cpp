@@ -1,8 +1,272 @@
 #include "infra/registry_store.h"
 
-namespace kalvo {
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-RegistryStore::RegistryStore(std::string path) : path_(std::move(path)) {}
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+#include "infra/reg_file.h"
+
+namespace kalvo {
+namespace {
+
+// How long a writer waits for another process's lock before it gives up.
+constexpr auto kLockTimeout = std::chrono::seconds(10);
+// A file whose change time is this close to now may change again within the same clock
+// tick without its times changing; it is re-read until it is older than that.
+constexpr int64_t kRacyWindowNs = 20'000'000;
+
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd = -1) : fd_(fd) {}
+  ~UniqueFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  int get() const { return fd_; }
+  // Closes now and reports whether the close succeeded (it can fail on write-back errors).
+  bool Close() {
+    const int fd = std::exchange(fd_, -1);
+    return fd < 0 || ::close(fd) == 0;
+  }
+
+ private:
+  int fd_;
+};
+
+// An exclusive flock on the lock file beside the registry file, held while alive. The lock
+// lives on its own file because every write replaces the registry file's inode.
+class FileLock {
+ public:
+  explicit FileLock(const std::string& lock_path)
+      : fd_(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    if (fd_.get() < 0) return;
+    const auto deadline = std::chrono::steady_clock::now() + kLockTimeout;
+    auto pause = std::chrono::microseconds(100);
+    while (true) {
+      if (::flock(fd_.get(), LOCK_EX | LOCK_NB) == 0) {
+        locked_ = true;
+        return;
+      }
+      if (errno != EWOULDBLOCK && errno != EINTR) return;
+      if (std::chrono::steady_clock::now() >= deadline) return;
+      std::this_thread::sleep_for(pause);
+      pause = std::min(pause * 2, std::chrono::microseconds(5000));
+    }
+  }
+  bool locked() const { return locked_; }
+  // The flock goes with the descriptor.
+
+ private:
+  UniqueFd fd_;
+  bool locked_ = false;
+};
+
+bool ReadAll(int fd, std::string& out) {
+  char buf[65536];
+  while (true) {
+    const ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n == 0) return true;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    out.append(buf, static_cast<size_t>(n));
+  }
+}
+
+bool WriteAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    bytes.remove_prefix(static_cast<size_t>(n));
+  }
+  return true;
+}
+
+int64_t Nanos(const timespec& t) { return int64_t{t.tv_sec} * 1'000'000'000 + t.tv_nsec; }
+
+// The file that a write must replace: the target of a symbolic link, not the link.
+std::string WriteTarget(const std::string& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+    char resolved[PATH_MAX];
+    if (::realpath(path.c_str(), resolved) != nullptr) return resolved;
+  }
+  return path;
+}
+
+std::string DirectoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+}  // namespace
+
+bool RegistryStore::FileStamp::operator==(const FileStamp& o) const {
+  return exists == o.exists && dev == o.dev && ino == o.ino && size == o.size &&
+         Nanos(mtime) == Nanos(o.mtime) && Nanos(ctime) == Nanos(o.ctime);
+}
+
+RegistryStore::RegistryStore(std::string path)
+    : path_(std::move(path)), doc_(std::make_shared<RegDocument>()) {}
+
 RegistryStore::~RegistryStore() = default;
+
+RegistryStore::FileStamp RegistryStore::LoadLocked(RegDocument& doc,
+                                                   std::vector<std::string>& warnings) {
+  FileStamp stamp;
+  doc = RegDocument();
+  UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat st {};
+  if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) return stamp;
+  stamp = FileStamp{true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+  std::string bytes;
+  if (!ReadAll(fd.get(), bytes)) return stamp;
+  const bool warn = !(stamp == warned_stamp_);
+  warned_stamp_ = stamp;
+  doc = ParseRegFile(bytes, [&](size_t line, const std::string& message) {
+    if (warn) {
+      warnings.push_back("registry file " + path_ + ", line " + std::to_string(line) + ": " +
+                         message);
+    }
+  });
+  return stamp;
+}
+
+void RegistryStore::CacheLocked(std::shared_ptr<const RegDocument> doc, const FileStamp& stamp) {
+  doc_ = std::move(doc);
+  stamp_ = stamp;
+  checked_ = true;
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  racy_ =
+      stamp.exists && Nanos(now) - std::max(Nanos(stamp.mtime), Nanos(stamp.ctime)) < kRacyWindowNs;
+}
+
+void RegistryStore::Emit(const std::vector<std::string>& warnings) const {
+  if (!warn_) return;
+  for (const std::string& w : warnings) warn_(w);
+}
+
+std::shared_ptr<const RegDocument> RegistryStore::Snapshot() {
+  std::vector<std::string> warnings;
+  std::shared_ptr<const RegDocument> result;
+  {
+    std::lock_guard guard(mutex_);
+    struct stat st {};
+    FileStamp now;
+    if (::stat(path_.c_str(), &st) == 0) {
+      now = FileStamp{true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+    }
+    if (!checked_ || racy_ || !(now == stamp_)) {
+      auto doc = std::make_shared<RegDocument>();
+      const FileStamp read = LoadLocked(*doc, warnings);
+      CacheLocked(std::move(doc), read);
+    }
+    result = doc_;
+  }
+  Emit(warnings);
+  return result;
+}
+
+bool RegistryStore::KeyExists(std::string_view key_path) { return Snapshot()->KeyExists(key_path); }
+
+std::optional<RegValue> RegistryStore::GetValue(std::string_view key_path, std::string_view name) {
+  const auto doc = Snapshot();
+  const RegValue* value = doc->FindValue(key_path, name);
+  if (value == nullptr) return std::nullopt;
+  return *value;
+}
+
+bool RegistryStore::CreateKey(std::string_view key_path) {
+  if (RegCanonicalKeyPath(key_path).empty()) return false;
+  if (KeyExists(key_path)) return true;
+  Modify([&](RegDocument& doc) { return doc.CreateKey(key_path); });
+  return KeyExists(key_path);
+}
+
+bool RegistryStore::DeleteKey(std::string_view key_path) {
+  if (!KeyExists(key_path)) return false;
+  return Modify([&](RegDocument& doc) { return doc.DeleteKey(key_path); });
+}
+
+bool RegistryStore::SetValue(std::string_view key_path, std::string_view name, uint32_t type,
+                             std::string data) {
+  return Modify([&](RegDocument& doc) { return doc.SetValue(key_path, name, type, data); });
+}
+
+bool RegistryStore::DeleteValue(std::string_view key_path, std::string_view name) {
+  return Modify([&](RegDocument& doc) { return doc.DeleteValue(key_path, name); });
+}
+
+bool RegistryStore::Modify(const std::function<bool(RegDocument&)>& change) {
+  std::vector<std::string> warnings;
+  bool written = false;
+  {
+    std::lock_guard guard(mutex_);
+    const std::string target = WriteTarget(path_);
+    FileLock lock(target + ".lock");
+    if (!lock.locked()) return false;
+    auto doc = std::make_shared<RegDocument>();
+    const FileStamp read = LoadLocked(*doc, warnings);
+    if (change(*doc)) {
+      written = WriteLocked(*doc, target);
+      if (written) {
+        // What was just written is known: cache it under the stamp of the new file.
+        struct stat st {};
+        FileStamp stamp;
+        if (::stat(path_.c_str(), &st) == 0) {
+          stamp = FileStamp{true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+        }
+        warned_stamp_ = stamp;
+        CacheLocked(std::move(doc), stamp);
+      }
+    } else {
+      CacheLocked(std::move(doc), read);
+    }
+  }
+  Emit(warnings);
+  return written;
+}
+
+bool RegistryStore::WriteLocked(const RegDocument& doc, const std::string& target) {
+  // One fixed temporary name is enough under the lock; a leftover of a writer killed midway
+  // is simply overwritten by the next one.
+  const std::string temp = target + ".tmp";
+  struct stat old {};
+  const bool had_file = ::stat(target.c_str(), &old) == 0;
+  UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (fd.get() < 0) return false;
+  if (had_file) {
+    // Keep the permissions (settings hold credentials) and, where allowed, the owner.
+    ::fchmod(fd.get(), old.st_mode & 07777);
+    if (::geteuid() == 0 && ::fchown(fd.get(), old.st_uid, old.st_gid) != 0) {
+      // Not fatal: the file keeps our own ownership.
+    }
+  }
+  const bool ok = WriteAll(fd.get(), FormatRegFile(doc)) && ::fsync(fd.get()) == 0 && fd.Close() &&
+                  ::rename(temp.c_str(), target.c_str()) == 0;
+  if (!ok) {
+    ::unlink(temp.c_str());
+    return false;
+  }
+  // Make the rename itself durable.
+  UniqueFd dir(::open(DirectoryOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dir.get() >= 0) ::fsync(dir.get());
+  return true;
+}
 
 }  // namespace kalvo

@@ -1,27 +1,104 @@
-// The registry store: a text file in the .reg format that regedit writes and reads.
-// (Interface sketch; the implementation fills in the private part.)
+// The registry store: a text file in the .reg format that regedit writes and reads, shared
+// safely between processes. Readers re-read the file only when it changed on disk; writers
+// rewrite it whole and atomically under an advisory lock, re-reading it first.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstdint>
+#include <ctime>
 #include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
+
+#include "infra/reg_document.h"
 
 namespace kalvo {
 
+// Key paths passed to the store are full paths below a hive, joined by backslashes
+// ("HKEY_LOCAL_MACHINE\Software\Orvanta\Zentara\KDX\DB"); names compare case-insensitively.
+// Failures (unreadable file, unwritable directory, lock not had within 10 s) are not
+// reported: reads see an empty registry, writes give false and leave the file as it was.
+// Thread-safe; one object per file path and process is the intended use.
 class RegistryStore {
  public:
-  // Receives one line of text for each malformed line skipped while loading.
+  // Receives one English line of text (naming the file and the line number) for each
+  // malformed line skipped while loading. Called without internal locks held, so it may
+  // itself read the registry (the log writer does).
   using WarningSink = std::function<void(const std::string&)>;
 
-  // `path` is the .reg file; it need not exist yet (an empty registry).
+  // `path` is the .reg file; it need not exist yet (an empty registry). A new file is
+  // written as REGEDIT4 in Windows-1252 with CRLF line ends.
   explicit RegistryStore(std::string path);
   ~RegistryStore();
+  RegistryStore(const RegistryStore&) = delete;
+  RegistryStore& operator=(const RegistryStore&) = delete;
 
   const std::string& path() const { return path_; }
+  // Sets the sink for load warnings (may be empty). Set it before the store is shared
+  // between threads.
   void SetWarningSink(WarningSink sink) { warn_ = std::move(sink); }
 
+  // The current content: one stat() of the file, and a re-read only when its identity,
+  // size or times changed (or changed too recently to be told apart by the times). Never
+  // null; the document stays valid and unchanged for as long as the caller holds it.
+  std::shared_ptr<const RegDocument> Snapshot();
+
+  // Whether the key exists (a hive always does).
+  bool KeyExists(std::string_view key_path);
+  // A copy of the value, or nullopt when the key or the value is missing.
+  std::optional<RegValue> GetValue(std::string_view key_path, std::string_view name);
+
+  // Creates the key and any missing parents. True when it exists afterwards. Writes the
+  // file only when something was missing.
+  bool CreateKey(std::string_view key_path);
+  // Deletes the key when it exists and has no sub keys (as RegDeleteKey does); its parent
+  // stays. True when it was deleted. A missing key costs no write and no lock.
+  bool DeleteKey(std::string_view key_path);
+  // Sets a value of an existing key; never creates the key. True when written.
+  bool SetValue(std::string_view key_path, std::string_view name, uint32_t type, std::string data);
+  // Removes a value. True when it existed and the file was written.
+  bool DeleteValue(std::string_view key_path, std::string_view name);
+
+  // Read-modify-write: under the lock, re-reads the file, calls `change` on its content and,
+  // when `change` gives true, writes the result atomically (temporary file beside it, fsync,
+  // rename, fsync of the directory). Gives true when the file was written. `change` must not
+  // call back into this store.
+  bool Modify(const std::function<bool(RegDocument&)>& change);
+
  private:
+  // What tells two versions of the file apart without reading it.
+  struct FileStamp {
+    bool exists = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    timespec mtime{};
+    timespec ctime{};
+    bool operator==(const FileStamp& o) const;
+  };
+
+  // Reads and parses the file, collecting warnings unless they were given for this version
+  // already. Gives the stamp of what it read. Caller holds mutex_.
+  FileStamp LoadLocked(RegDocument& doc, std::vector<std::string>& warnings);
+  // Installs a freshly read document as the cached one. Caller holds mutex_.
+  void CacheLocked(std::shared_ptr<const RegDocument> doc, const FileStamp& stamp);
+  // Writes `doc` to the file atomically; caller holds mutex_ and the file lock.
+  bool WriteLocked(const RegDocument& doc, const std::string& target);
+  void Emit(const std::vector<std::string>& warnings) const;
+
   std::string path_;
   WarningSink warn_;
+  std::mutex mutex_;
+  std::shared_ptr<const RegDocument> doc_;
+  FileStamp stamp_;
+  bool checked_ = false;  // a stamp has been taken at least once
+  bool racy_ = false;     // the file changed so recently that its times cannot be trusted
+  FileStamp warned_stamp_;
 };
 
 }  // namespace kalvo

@@ -21,10 +21,10 @@ struct RegistryTable {
 class RegistryValue {
  public:
   RegistryValue() = default;
-  RegistryValue(int32_t number) : value_(number) {}                   // NOLINT: implicit
-  RegistryValue(std::string text) : value_(std::move(text)) {}        // NOLINT: implicit
-  RegistryValue(const char* text) : value_(std::string(text)) {}      // NOLINT: implicit
-  RegistryValue(RegistryTable table) : value_(std::move(table)) {}    // NOLINT: implicit
+  RegistryValue(int32_t number) : value_(number) {}                 // NOLINT: implicit
+  RegistryValue(std::string text) : value_(std::move(text)) {}      // NOLINT: implicit
+  RegistryValue(const char* text) : value_(std::string(text)) {}    // NOLINT: implicit
+  RegistryValue(RegistryTable table) : value_(std::move(table)) {}  // NOLINT: implicit
 
   bool IsEmpty() const { return std::holds_alternative<std::monostate>(value_); }
   bool IsNumber() const { return std::holds_alternative<int32_t>(value_); }

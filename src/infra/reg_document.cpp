@@ -1,0 +1,202 @@
+#include "infra/reg_document.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace kalvo {
+namespace {
+
+struct HiveName {
+  std::string_view full;
+  std::string_view abbreviation;
+};
+
+constexpr std::array<HiveName, 5> kHives = {{
+    {"HKEY_CLASSES_ROOT", "HKCR"},
+    {"HKEY_CURRENT_USER", "HKCU"},
+    {"HKEY_LOCAL_MACHINE", "HKLM"},
+    {"HKEY_USERS", "HKU"},
+    {"HKEY_CURRENT_CONFIG", "HKCC"},
+}};
+
+char FoldChar(char c) {
+  const auto u = static_cast<unsigned char>(c);
+  if (u >= 'a' && u <= 'z') return static_cast<char>(u - 0x20);
+  // Latin-1 lower-case letters (except the division sign) and the four Windows-1252 extras.
+  if (u >= 0xE0 && u <= 0xFE && u != 0xF7) return static_cast<char>(u - 0x20);
+  switch (u) {
+    case 0x9A:
+      return '\x8A';  // š
+    case 0x9C:
+      return '\x8C';  // œ
+    case 0x9E:
+      return '\x8E';  // ž
+    case 0xFF:
+      return '\x9F';  // ÿ
+    default:
+      return c;
+  }
+}
+
+bool NamesEqual(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return FoldChar(x) == FoldChar(y);
+         });
+}
+
+const std::vector<RegValue>& NoValues() {
+  static const std::vector<RegValue> kNone;
+  return kNone;
+}
+
+}  // namespace
+
+std::string RegFoldName(std::string_view name) {
+  std::string out(name);
+  for (char& c : out) c = FoldChar(c);
+  return out;
+}
+
+std::string RegCanonicalKeyPath(std::string_view path) {
+  while (path.starts_with('\\')) path.remove_prefix(1);
+  while (path.ends_with('\\')) path.remove_suffix(1);
+  if (path.empty() || path.find("\\\\") != std::string_view::npos) return "";
+  const size_t cut = path.find('\\');
+  const std::string folded_hive = RegFoldName(path.substr(0, cut));
+  for (const HiveName& hive : kHives) {
+    if (folded_hive == hive.full || folded_hive == hive.abbreviation) {
+      std::string out(hive.full);
+      if (cut != std::string_view::npos) out += path.substr(cut);
+      return out;
+    }
+  }
+  return "";
+}
+
+std::string_view RegHiveOf(std::string_view canonical_path) {
+  return canonical_path.substr(0, canonical_path.find('\\'));
+}
+
+size_t RegDocument::FindSection(std::string_view canonical) const {
+  if (canonical.empty()) return kImplied;
+  const auto it = index_.find(RegFoldName(canonical));
+  return it == index_.end() ? kImplied : it->second;
+}
+
+bool RegDocument::KeyExists(std::string_view path) const {
+  const std::string canonical = RegCanonicalKeyPath(path);
+  if (canonical.empty()) return false;
+  if (canonical.find('\\') == std::string::npos) return true;  // a hive
+  return index_.contains(RegFoldName(canonical));
+}
+
+bool RegDocument::HasSubKeys(std::string_view path) const {
+  const std::string canonical = RegCanonicalKeyPath(path);
+  if (canonical.empty()) return false;
+  const std::string prefix = RegFoldName(canonical) + '\\';
+  return std::any_of(index_.begin(), index_.end(),
+                     [&](const auto& entry) { return entry.first.starts_with(prefix); });
+}
+
+const RegValue* RegDocument::FindValue(std::string_view path, std::string_view name) const {
+  for (const RegValue& value : Values(path)) {
+    if (NamesEqual(value.name, name)) return &value;
+  }
+  return nullptr;
+}
+
+const std::vector<RegValue>& RegDocument::Values(std::string_view path) const {
+  const size_t i = FindSection(RegCanonicalKeyPath(path));
+  return i == kImplied ? NoValues() : keys_[i].values;
+}
+
+bool RegDocument::CreateKey(std::string_view path) {
+  const std::string canonical = RegCanonicalKeyPath(path);
+  if (canonical.empty() || KeyExists(canonical)) return false;
+  // A section for the key itself makes all of its parents exist.
+  keys_.push_back(RegKey{canonical, {}});
+  RebuildIndex();
+  return true;
+}
+
+bool RegDocument::DeleteKey(std::string_view path) {
+  const std::string canonical = RegCanonicalKeyPath(path);
+  if (canonical.empty() || canonical.find('\\') == std::string::npos) return false;
+  if (!KeyExists(canonical) || HasSubKeys(canonical)) return false;
+  const size_t i = FindSection(canonical);
+  if (i == kImplied) return false;  // cannot happen: an implied key has a sub key
+  const std::string parent = canonical.substr(0, canonical.rfind('\\'));
+  keys_.erase(keys_.begin() + static_cast<std::ptrdiff_t>(i));
+  RebuildIndex();
+  // The parent existed only because of this key; it must outlive it.
+  if (!KeyExists(parent)) {
+    keys_.insert(keys_.begin() + static_cast<std::ptrdiff_t>(i), RegKey{parent, {}});
+    RebuildIndex();
+  }
+  return true;
+}
+
+bool RegDocument::SetValue(std::string_view path, std::string_view name, uint32_t type,
+                           std::string data) {
+  RegKey* key = SectionFor(RegCanonicalKeyPath(path));
+  if (key == nullptr) return false;
+  for (RegValue& value : key->values) {
+    if (NamesEqual(value.name, name)) {
+      value.type = type;
+      value.data = std::move(data);
+      return true;
+    }
+  }
+  key->values.push_back(RegValue{std::string(name), type, std::move(data)});
+  return true;
+}
+
+bool RegDocument::DeleteValue(std::string_view path, std::string_view name) {
+  const size_t i = FindSection(RegCanonicalKeyPath(path));
+  if (i == kImplied) return false;
+  auto& values = keys_[i].values;
+  const auto it = std::find_if(values.begin(), values.end(),
+                               [&](const RegValue& v) { return NamesEqual(v.name, name); });
+  if (it == values.end()) return false;
+  values.erase(it);
+  return true;
+}
+
+void RegDocument::SetKeys(std::vector<RegKey> keys) {
+  keys_ = std::move(keys);
+  RebuildIndex();
+}
+
+RegKey* RegDocument::SectionFor(std::string_view canonical) {
+  if (canonical.empty() || !KeyExists(canonical)) return nullptr;
+  size_t i = FindSection(canonical);
+  if (i == kImplied) {
+    // A hive or a key above other sections: give it a section just before its first
+    // descendant so that the file still reads from the top down.
+    const std::string prefix = RegFoldName(canonical) + '\\';
+    i = 0;
+    while (i < keys_.size() && !RegFoldName(keys_[i].path).starts_with(prefix)) ++i;
+    keys_.insert(keys_.begin() + static_cast<std::ptrdiff_t>(i),
+                 RegKey{std::string(canonical), {}});
+    RebuildIndex();
+  }
+  return &keys_[i];
+}
+
+void RegDocument::RebuildIndex() {
+  index_.clear();
+  for (size_t i = 0; i < keys_.size(); ++i) {
+    const std::string folded = RegFoldName(keys_[i].path);
+    index_[folded] = i;
+    // Every key above a section exists too; a hive always exists and is not indexed.
+    for (size_t cut = folded.rfind('\\'); cut != std::string::npos && cut > 0;
+         cut = folded.rfind('\\', cut - 1)) {
+      const std::string parent = folded.substr(0, cut);
+      if (parent.find('\\') == std::string::npos) break;
+      index_.try_emplace(parent, kImplied);
+    }
+  }
+}
+
+}  // namespace kalvo

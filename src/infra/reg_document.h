@@ -1,0 +1,102 @@
+// The in-memory content of a registry file: keys in file order, each with its values in
+// order, looked up case-insensitively as Windows compares key and value names.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "infra/text_encoding.h"
+
+namespace kalvo {
+
+// Registry value types (the numbers Windows uses, also in "hex(N):" of a .reg file).
+inline constexpr uint32_t kRegNone = 0;
+inline constexpr uint32_t kRegSz = 1;
+inline constexpr uint32_t kRegExpandSz = 2;
+inline constexpr uint32_t kRegBinary = 3;
+inline constexpr uint32_t kRegDword = 4;
+inline constexpr uint32_t kRegMultiSz = 7;
+
+// The two .reg dialects: "REGEDIT4" keeps text data as single-byte ANSI characters, version
+// 5.00 ("Windows Registry Editor Version 5.00") as UTF-16LE.
+enum class RegFormat { kRegedit4, kVersion5 };
+
+// One value: its name ("" is the key's unnamed default value), its type and its raw data as
+// Windows would hand them to an ANSI caller (text types in Windows-1252, any terminating NULs
+// included exactly as they were stored).
+struct RegValue {
+  std::string name;
+  uint32_t type = kRegNone;
+  std::string data;
+  bool operator==(const RegValue&) const = default;
+};
+
+// One key: its canonical path ("HKEY_LOCAL_MACHINE\Software\...") and its values.
+struct RegKey {
+  std::string path;
+  std::vector<RegValue> values;
+};
+
+// Case folding of a Windows-1252 name for comparisons (upper case, as Windows compares).
+std::string RegFoldName(std::string_view name);
+
+// Canonical form of a key path: hive name in full upper case ("HKLM" and the other usual
+// abbreviations expanded), empty leading and trailing components dropped. Gives "" when the
+// path is unusable: an unknown hive or an empty component in the middle ("A\\B").
+std::string RegCanonicalKeyPath(std::string_view path);
+
+// The hive part of a canonical path, or the whole path when it has no backslash.
+std::string_view RegHiveOf(std::string_view canonical_path);
+
+// A whole registry file in memory. Key paths passed in are canonicalised first; an unusable
+// path is treated as a missing key. A key exists when it has its own section, when it lies
+// above a key that has one, or when it is a hive. Not thread-safe; copyable.
+class RegDocument {
+ public:
+  RegFormat format = RegFormat::kRegedit4;
+  FileEncoding encoding = FileEncoding::kCp1252;
+  std::string line_end = "\r\n";
+
+  // True when the key exists (see above).
+  bool KeyExists(std::string_view path) const;
+  // True when some existing key lies below `path`.
+  bool HasSubKeys(std::string_view path) const;
+  // The value, or null when the key or the value is missing. Valid until the next change.
+  const RegValue* FindValue(std::string_view path, std::string_view name) const;
+  // The values of an existing key in order; empty for a missing key.
+  const std::vector<RegValue>& Values(std::string_view path) const;
+  // Keys with their own section, in file order.
+  const std::vector<RegKey>& keys() const { return keys_; }
+  // Replaces the whole content (used by the file parser). Paths must be canonical and
+  // distinct (case-insensitively).
+  void SetKeys(std::vector<RegKey> keys);
+
+  // Creates the key and its missing parents. Gives true when something was added, false when
+  // it existed already or the path is unusable.
+  bool CreateKey(std::string_view path);
+  // Deletes a key that exists and has no sub keys (its parent stays). Gives true on success.
+  bool DeleteKey(std::string_view path);
+  // Sets a value of an existing key (replacing one of the same name in its place, adding it
+  // at the end otherwise). Gives false, changing nothing, when the key is missing.
+  bool SetValue(std::string_view path, std::string_view name, uint32_t type, std::string data);
+  // Removes a value. Gives true when it existed.
+  bool DeleteValue(std::string_view path, std::string_view name);
+
+ private:
+  static constexpr size_t kImplied = static_cast<size_t>(-1);
+
+  // The section of an existing key, giving it one (placed before its first descendant's)
+  // when it exists only implicitly. Null for a missing key.
+  RegKey* SectionFor(std::string_view canonical);
+  size_t FindSection(std::string_view canonical) const;
+  void RebuildIndex();
+
+  std::vector<RegKey> keys_;
+  // Folded canonical path -> index in keys_, or kImplied for keys above a section.
+  std::unordered_map<std::string, size_t> index_;
+};
+
+}  // namespace kalvo

@@ -1,0 +1,367 @@
+#include "infra/reg_file.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace kalvo {
+namespace {
+
+constexpr std::string_view kHeader4 = "REGEDIT4";
+constexpr std::string_view kHeader5 = "Windows Registry Editor Version 5.00";
+constexpr std::string_view kHeader5Prefix = "Windows Registry Editor Version 5";
+
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
+std::string_view TrimLeft(std::string_view s) {
+  while (!s.empty() && IsBlank(s.front())) s.remove_prefix(1);
+  return s;
+}
+
+std::string_view TrimRight(std::string_view s) {
+  while (!s.empty() && (IsBlank(s.back()) || s.back() == '\r')) s.remove_suffix(1);
+  return s;
+}
+
+std::string_view Trim(std::string_view s) { return TrimRight(TrimLeft(s)); }
+
+bool StartsWithNoCase(std::string_view s, std::string_view prefix) {
+  return s.size() >= prefix.size() && RegFoldName(s.substr(0, prefix.size())) == prefix;
+}
+
+// After the data of a value only blanks or a ";" comment may follow.
+bool OnlyTrailer(std::string_view rest) {
+  rest = TrimLeft(rest);
+  return rest.empty() || rest.front() == ';';
+}
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Parses 1 to 8 hex digits as a whole.
+std::optional<uint32_t> ParseHex32(std::string_view s) {
+  if (s.empty() || s.size() > 8) return std::nullopt;
+  uint32_t v = 0;
+  for (char c : s) {
+    const int d = HexDigit(c);
+    if (d < 0) return std::nullopt;
+    v = (v << 4) | static_cast<uint32_t>(d);
+  }
+  return v;
+}
+
+// Parses a quoted text starting at s[pos] == '"'; on success `pos` is just after the closing
+// quote. "\\" and "\"" are unescaped; any other backslash stays as it is.
+std::optional<std::string> ParseQuoted(std::string_view s, size_t& pos) {
+  std::string out;
+  for (size_t i = pos + 1; i < s.size(); ++i) {
+    if (s[i] == '"') {
+      pos = i + 1;
+      return out;
+    }
+    if (s[i] == '\\' && i + 1 < s.size() && (s[i + 1] == '\\' || s[i + 1] == '"')) ++i;
+    out += s[i];
+  }
+  return std::nullopt;
+}
+
+// Parses "xx,xx,..." (blanks allowed, trailing comma allowed) into bytes.
+std::optional<std::string> ParseHexBytes(std::string_view s) {
+  s = Trim(s.substr(0, s.find(';')));
+  std::string out;
+  while (!s.empty()) {
+    const size_t comma = s.find(',');
+    const std::string_view item = Trim(s.substr(0, comma));
+    const std::optional<uint32_t> byte = ParseHex32(item);
+    if (!byte || item.size() > 2) return std::nullopt;
+    out += static_cast<char>(*byte);
+    if (comma == std::string_view::npos) break;
+    s = TrimLeft(s.substr(comma + 1));
+  }
+  return out;
+}
+
+bool IsTextType(uint32_t type) {
+  return type == kRegSz || type == kRegExpandSz || type == kRegMultiSz;
+}
+
+struct ParsedValue {
+  std::string name;
+  bool deletion = false;
+  RegValue value;
+};
+
+// Parses one value line; gives an English reason in `error` when it is malformed.
+std::optional<ParsedValue> ParseValueLine(std::string_view line, RegFormat format,
+                                          std::string& error) {
+  ParsedValue parsed;
+  size_t pos = 0;
+  if (line.front() == '@') {
+    pos = 1;
+  } else {
+    std::optional<std::string> name = ParseQuoted(line, pos);
+    if (!name) {
+      error = "value name without closing quote";
+      return std::nullopt;
+    }
+    parsed.name = std::move(*name);
+  }
+  std::string_view rest = TrimLeft(line.substr(pos));
+  if (rest.empty() || rest.front() != '=') {
+    error = "missing \"=\" after the value name";
+    return std::nullopt;
+  }
+  rest = TrimLeft(rest.substr(1));
+  RegValue& value = parsed.value;
+  value.name = parsed.name;
+  if (rest.starts_with('"')) {
+    size_t end = 0;
+    std::optional<std::string> text = ParseQuoted(rest, end);
+    if (!text || !OnlyTrailer(rest.substr(end))) {
+      error = text ? "text after the closing quote" : "string without closing quote";
+      return std::nullopt;
+    }
+    value.type = kRegSz;
+    value.data = std::move(*text);
+  } else if (rest.starts_with('-') && OnlyTrailer(rest.substr(1))) {
+    parsed.deletion = true;
+  } else if (StartsWithNoCase(rest, "DWORD:")) {
+    const std::optional<uint32_t> number =
+        ParseHex32(Trim(rest.substr(6).substr(0, rest.substr(6).find(';'))));
+    if (!number) {
+      error = "bad dword data";
+      return std::nullopt;
+    }
+    value.type = kRegDword;
+    for (int shift = 0; shift < 32; shift += 8) value.data += static_cast<char>(*number >> shift);
+  } else if (StartsWithNoCase(rest, "HEX")) {
+    rest.remove_prefix(3);
+    value.type = kRegBinary;
+    if (rest.starts_with('(')) {
+      const size_t close = rest.find(')');
+      const std::optional<uint32_t> type =
+          close == std::string_view::npos ? std::nullopt : ParseHex32(rest.substr(1, close - 1));
+      if (!type) {
+        error = "bad type in hex(...)";
+        return std::nullopt;
+      }
+      value.type = *type;
+      rest.remove_prefix(close + 1);
+    }
+    std::optional<std::string> bytes;
+    if (rest.starts_with(':')) bytes = ParseHexBytes(rest.substr(1));
+    if (!bytes) {
+      error = "bad hex data";
+      return std::nullopt;
+    }
+    value.data = std::move(*bytes);
+    if (IsTextType(value.type) && format == RegFormat::kVersion5) {
+      value.data = Utf16LeToCp1252(value.data);
+    }
+  } else {
+    error = "unknown data type";
+    return std::nullopt;
+  }
+  return parsed;
+}
+
+// Builds the ordered key list while parsing, merging repeated sections.
+class KeyCollector {
+ public:
+  RegKey* Section(const std::string& canonical) {
+    auto [it, added] = index_.try_emplace(RegFoldName(canonical), keys_.size());
+    if (added) keys_.push_back(RegKey{canonical, {}});
+    return &keys_[it->second];
+  }
+  std::vector<RegKey> Take() { return std::move(keys_); }
+
+ private:
+  std::vector<RegKey> keys_;
+  std::unordered_map<std::string, size_t> index_;
+};
+
+void PutValue(RegKey& key, RegValue value) {
+  const std::string folded = RegFoldName(value.name);
+  for (RegValue& existing : key.values) {
+    if (RegFoldName(existing.name) == folded) {
+      existing.type = value.type;
+      existing.data = std::move(value.data);
+      return;
+    }
+  }
+  key.values.push_back(std::move(value));
+}
+
+std::string Quote(std::string_view text) {
+  std::string out = "\"";
+  for (char c : text) {
+    if (c == '\\' || c == '"') out += '\\';
+    out += c;
+  }
+  out += '"';
+  return out;
+}
+
+void AppendHexData(std::string& out, std::string_view bytes, std::string_view line_end) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  // Length of the current line so far, to wrap before 80 columns as regedit does.
+  size_t column = out.size() - (out.rfind('\n') == std::string::npos ? 0 : out.rfind('\n') + 1);
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    if (column + 3 > 78) {
+      out += '\\';
+      out += line_end;
+      out += "  ";
+      column = 2;
+    }
+    const auto b = static_cast<unsigned char>(bytes[i]);
+    out += kDigits[b >> 4];
+    out += kDigits[b & 0xF];
+    column += 2;
+    if (i + 1 < bytes.size()) {
+      out += ',';
+      ++column;
+    }
+  }
+}
+
+void AppendValue(std::string& out, const RegValue& value, const RegDocument& doc) {
+  out += value.name.empty() ? std::string("@") : Quote(value.name);
+  out += '=';
+  if (value.type == kRegSz &&
+      value.data.find_first_of(std::string_view("\0\r\n", 3)) == std::string::npos) {
+    out += Quote(value.data);
+  } else if (value.type == kRegDword && value.data.size() == 4) {
+    uint32_t number = 0;
+    for (int i = 3; i >= 0; --i) number = (number << 8) | static_cast<unsigned char>(value.data[i]);
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "dword:%08x", number);
+    out += buf;
+  } else {
+    if (value.type == kRegBinary) {
+      out += "hex:";
+    } else {
+      char buf[24];
+      std::snprintf(buf, sizeof buf, "hex(%x):", value.type);
+      out += buf;
+    }
+    const bool wide = IsTextType(value.type) && doc.format == RegFormat::kVersion5;
+    AppendHexData(out, wide ? Cp1252ToUtf16Le(value.data) : value.data, doc.line_end);
+  }
+  out += doc.line_end;
+}
+
+}  // namespace
+
+RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn) {
+  RegDocument doc;
+  const std::string text = DecodeTextFile(bytes, &doc.encoding);
+  // A pure ASCII file is the Windows-1252 that regedit writes, not a UTF-8 one.
+  if (doc.encoding == FileEncoding::kUtf8 &&
+      std::all_of(bytes.begin(), bytes.end(), [](char c) { return (c & 0x80) == 0; })) {
+    doc.encoding = FileEncoding::kCp1252;
+  }
+  doc.format =
+      doc.encoding == FileEncoding::kUtf16LeBom ? RegFormat::kVersion5 : RegFormat::kRegedit4;
+  const size_t first_lf = text.find('\n');
+  doc.line_end = first_lf != std::string::npos && (first_lf == 0 || text[first_lf - 1] != '\r')
+                     ? "\n"
+                     : "\r\n";
+
+  std::vector<std::string_view> lines;
+  for (size_t start = 0; start <= text.size();) {
+    const size_t end = std::min(text.find('\n', start), text.size());
+    lines.push_back(std::string_view(text).substr(start, end - start));
+    start = end + 1;
+  }
+  auto report = [&](size_t line_no, const std::string& message) {
+    if (warn) warn(line_no, message);
+  };
+
+  KeyCollector keys;
+  RegKey* current = nullptr;
+  bool in_deleted_key = false;
+  bool header_seen = false;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    const size_t line_no = i + 1;
+    std::string line(Trim(lines[i]));
+    if (line.empty() || line.front() == ';') continue;
+    if (!header_seen) {
+      header_seen = true;
+      if (line == kHeader4) {
+        doc.format = RegFormat::kRegedit4;
+        continue;
+      }
+      if (line.starts_with(kHeader5Prefix)) {
+        doc.format = RegFormat::kVersion5;
+        continue;
+      }
+      report(line_no, "missing REGEDIT4 or version 5.00 header line");
+    }
+    // Hex data go on over the following lines while a line ends with a backslash.
+    if (line.front() == '"' || line.front() == '@') {
+      while (line.ends_with('\\') && RegFoldName(line).find("=HEX") != std::string::npos &&
+             i + 1 < lines.size()) {
+        line.pop_back();
+        line += Trim(lines[++i]);
+      }
+    }
+    if (line.front() == '[') {
+      current = nullptr;
+      in_deleted_key = false;
+      const size_t close = line.rfind(']');
+      if (close == std::string::npos) {
+        report(line_no, "key line without closing bracket skipped");
+        continue;
+      }
+      const std::string_view name = std::string_view(line).substr(1, close - 1);
+      if (name.starts_with('-')) {
+        in_deleted_key = true;  // key deletions are not applied
+        continue;
+      }
+      const std::string canonical = RegCanonicalKeyPath(name);
+      if (canonical.empty() || !OnlyTrailer(std::string_view(line).substr(close + 1))) {
+        report(line_no, "unknown hive or malformed key name skipped");
+        continue;
+      }
+      current = keys.Section(canonical);
+    } else if (line.front() == '"' || line.front() == '@') {
+      std::string error;
+      std::optional<ParsedValue> parsed = ParseValueLine(line, doc.format, error);
+      if (!parsed) {
+        report(line_no, "malformed value line skipped (" + error + ")");
+      } else if (current == nullptr) {
+        if (!in_deleted_key) report(line_no, "value line outside of any key skipped");
+      } else if (!parsed->deletion) {
+        PutValue(*current, std::move(parsed->value));
+      }
+    } else {
+      report(line_no, "unrecognised line skipped");
+    }
+  }
+  doc.SetKeys(keys.Take());
+  return doc;
+}
+
+std::string FormatRegFile(const RegDocument& doc) {
+  std::string out(doc.format == RegFormat::kVersion5 ? kHeader5 : kHeader4);
+  out += doc.line_end;
+  out += doc.line_end;
+  for (const RegKey& key : doc.keys()) {
+    out += '[';
+    out += key.path;
+    out += ']';
+    out += doc.line_end;
+    for (const RegValue& value : key.values) AppendValue(out, value, doc);
+    out += doc.line_end;
+  }
+  return EncodeTextFile(out, doc.encoding);
+}
+
+}  // namespace kalvo

@@ -1,0 +1,38 @@
+// Reading and writing the .reg text format that regedit exports and imports, without any
+// file access: bytes in, document out, and back.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "infra/reg_document.h"
+
+namespace kalvo {
+
+// Receives the 1-based line number and an English description of each line skipped.
+using RegParseWarning = std::function<void(size_t line, const std::string& message)>;
+
+// Parses the raw bytes of a .reg file. Accepts "REGEDIT4" files in Windows-1252 (or UTF-8
+// when the bytes are valid UTF-8) and "Windows Registry Editor Version 5.00" files in
+// UTF-16LE with byte-order mark; CRLF or LF line ends; ";" comments; hex data continued over
+// lines with a trailing backslash; "\\" and "\"" escapes in quoted names and strings.
+// Key deletions ("[-KEY]", and the values listed under them) and value deletions
+// ("name"=-) are ignored. Text data in hex(1), hex(2) and hex(7) are decoded from the file's
+// dialect (single bytes in REGEDIT4, UTF-16LE in 5.00) to Windows-1252; other hex(N) data are
+// kept as raw bytes; quoted strings are stored without a terminating NUL. A repeated key is
+// merged into its first section, a repeated value replaces the earlier one in place.
+// A malformed line is skipped and reported to `warn` (may be empty); parsing goes on with
+// the next line. Never throws on bad input. The document remembers the dialect, encoding
+// and line end so that FormatRegFile writes it back the same way; an empty input gives an
+// empty REGEDIT4 document.
+RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn);
+
+// The bytes of a .reg file holding `doc`, in the dialect, encoding and line end it records.
+// Strings without NUL, CR or LF are written quoted, four-byte REG_DWORDs as "dword:", all
+// else as hex data wrapped over lines of at most 80 characters. Comments of the file the
+// document came from are not kept: a rewrite drops them.
+std::string FormatRegFile(const RegDocument& doc);
+
+}  // namespace kalvo
