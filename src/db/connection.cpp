@@ -1,0 +1,313 @@
+#include "db/connection.h"
+
+#include <cctype>
+
+#include "infra/arrays.h"
+#include "infra/log.h"
+#include "infra/runtime_error.h"
+
+namespace kalvo {
+namespace {
+
+// Raised by the text conversions when asked for a set without rows; the handler logs it.
+constexpr int32_t kErrNoCurrentRow = 3021;
+
+bool IsBinaryType(SQLSMALLINT type) {
+  return type == SQL_BINARY || type == SQL_VARBINARY || type == SQL_LONGVARBINARY;
+}
+
+// Reads one column of the current row in chunks, as bytes (binary) or as text (without
+// the driver's terminating NUL). NULL gives std::nullopt.
+std::optional<std::string> ReadColumn(SQLHSTMT stmt, SQLUSMALLINT column, bool binary) {
+  const SQLSMALLINT c_type = binary ? SQL_C_BINARY : SQL_C_CHAR;
+  const size_t terminator = binary ? 0 : 1;
+  char chunk[8192];
+  std::string value;
+  for (;;) {
+    SQLLEN indicator = 0;
+    const SQLRETURN rc = SQLGetData(stmt, column, c_type, chunk, sizeof chunk, &indicator);
+    if (rc == SQL_NO_DATA) break;
+    CheckOdbc(rc, SQL_HANDLE_STMT, stmt, "SQLGetData");
+    if (indicator == SQL_NULL_DATA) return std::nullopt;
+    const size_t room = sizeof chunk - terminator;
+    if (indicator != SQL_NO_TOTAL && static_cast<size_t>(indicator) <= room) {
+      value.append(chunk, static_cast<size_t>(indicator));
+      break;
+    }
+    value.append(chunk, room);
+    if (indicator != SQL_NO_TOTAL) {
+      // The driver told the remaining length: fetch all of it in one call.
+      const size_t rest = static_cast<size_t>(indicator) - room;
+      const size_t before = value.size();
+      value.resize(before + rest + terminator);
+      SQLLEN rest_indicator = 0;
+      const SQLRETURN rc2 = SQLGetData(stmt, column, c_type, value.data() + before,
+                                       static_cast<SQLLEN>(rest + terminator), &rest_indicator);
+      CheckOdbc(rc2, SQL_HANDLE_STMT, stmt, "SQLGetData");
+      value.resize(before + rest);
+      break;
+    }
+  }
+  return value;
+}
+
+void FetchAll(SQLHSTMT stmt, RecordSet& result, size_t max_rows) {
+  SQLSMALLINT columns = 0;
+  CheckOdbc(SQLNumResultCols(stmt, &columns), SQL_HANDLE_STMT, stmt, "SQLNumResultCols");
+  if (columns <= 0) return;
+  result.open = true;
+  for (SQLUSMALLINT c = 1; c <= static_cast<SQLUSMALLINT>(columns); ++c) {
+    SQLCHAR name[256] = {};
+    SQLSMALLINT name_length = 0, type = 0, digits = 0, nullable = 0;
+    SQLULEN size = 0;
+    CheckOdbc(
+        SQLDescribeCol(stmt, c, name, sizeof name, &name_length, &type, &size, &digits, &nullable),
+        SQL_HANDLE_STMT, stmt, "SQLDescribeCol");
+    result.column_names.emplace_back(reinterpret_cast<const char*>(name));
+    result.column_is_binary.push_back(IsBinaryType(type));
+  }
+  while (result.rows.size() < max_rows) {
+    const SQLRETURN rc = SQLFetch(stmt);
+    if (rc == SQL_NO_DATA) break;
+    CheckOdbc(rc, SQL_HANDLE_STMT, stmt, "SQLFetch");
+    auto& row = result.rows.emplace_back();
+    row.reserve(static_cast<size_t>(columns));
+    for (SQLUSMALLINT c = 1; c <= static_cast<SQLUSMALLINT>(columns); ++c) {
+      row.push_back(ReadColumn(stmt, c, result.column_is_binary[c - 1]));
+    }
+  }
+}
+
+// Executes `sql` with an optional binary parameter and fetches the rows. Throws OdbcError.
+RecordSet Execute(DbConnection& connection, std::string_view sql, const std::string_view* bytes,
+                  size_t max_rows) {
+  if (!connection.is_open()) throw OdbcError(0, "08003", "Connection not open");
+  StmtHandle stmt = AllocateHandle<SQL_HANDLE_STMT>(SQL_HANDLE_DBC, connection.handle());
+  std::string text = AdaptStatement(sql, connection.dialect());
+  static const char kNoBytes = 0;
+  SQLLEN length = 0;
+  if (bytes != nullptr) {
+    length = static_cast<SQLLEN>(bytes->size());
+    // PostgreSQL's driver takes LONGVARBINARY parameters as large objects; VARBINARY is its
+    // bytea. The others take LONGVARBINARY for data of any length.
+    const SQLSMALLINT sql_type =
+        connection.dialect() == Dialect::kPostgreSql ? SQL_VARBINARY : SQL_LONGVARBINARY;
+    const void* data = bytes->empty() ? &kNoBytes : bytes->data();
+    CheckOdbc(SQLBindParameter(stmt.get(), 1, SQL_PARAM_INPUT, SQL_C_BINARY, sql_type,
+                               bytes->empty() ? 1 : bytes->size(), 0, const_cast<void*>(data),
+                               length, &length),
+              SQL_HANDLE_STMT, stmt.get(), "SQLBindParameter");
+  }
+  const SQLRETURN rc = SQLExecDirect(stmt.get(), reinterpret_cast<SQLCHAR*>(text.data()),
+                                     static_cast<SQLINTEGER>(text.size()));
+  RecordSet result;
+  if (rc == SQL_NO_DATA) return result;  // a searched UPDATE or DELETE that hit no row
+  CheckOdbc(rc, SQL_HANDLE_STMT, stmt.get(), "SQLExecDirect");
+  FetchAll(stmt.get(), result, max_rows);
+  return result;
+}
+
+bool ExecuteLogged(DbConnection& connection, std::string_view sql, const std::string_view* bytes,
+                   RecordSet& result, size_t max_rows) {
+  Database& db = connection.database();
+  const std::string braces = "{" + std::string(sql) + "}";
+  result = RecordSet{};
+  try {
+    result = Execute(connection, sql, bytes, max_rows);
+    db.log().WriteLog("DBExecuteSQLCommand (OK) " + braces);
+    return true;
+  } catch (const OdbcError& e) {
+    db.SetLastError(e.native_code(), e.what());
+  } catch (const std::bad_alloc&) {
+    db.SetLastError(kErrOutOfMemory, "Out of memory");
+  } catch (const std::exception& e) {
+    db.SetLastError(kErrInvalidCall, e.what());
+  }
+  result = RecordSet{};
+  db.log().LogError(db.last_error_number(), db.last_error_description(), "DBExecuteSQLCommand",
+                    sql);
+  db.log().WriteLog("DBExecuteSQLCommand (Error) " + braces);
+  return false;
+}
+
+std::string RecordSetText(const RecordSet& result, std::string_view column_delimiter,
+                          std::string_view row_delimiter, bool trim, bool strip_last) {
+  if (!result.open || result.rows.empty()) {
+    throw RuntimeError(kErrNoCurrentRow, "The result set holds no current row");
+  }
+  std::string text;
+  for (const auto& row : result.rows) {
+    for (size_t c = 0; c < row.size(); ++c) {
+      if (c > 0) text += column_delimiter;
+      if (row[c]) text += *row[c];
+    }
+    text += row_delimiter;
+  }
+  if (trim) {
+    const size_t first = text.find_first_not_of(' ');
+    if (first == std::string::npos) {
+      text.clear();
+    } else {
+      text.erase(text.find_last_not_of(' ') + 1);
+      text.erase(0, first);
+    }
+  }
+  if (strip_last && !row_delimiter.empty() && text.ends_with(row_delimiter)) {
+    text.erase(text.size() - row_delimiter.size());
+  }
+  return text;
+}
+
+}  // namespace
+
+int RecordSet::ColumnIndex(std::string_view name) const {
+  for (size_t i = 0; i < column_names.size(); ++i) {
+    const std::string& n = column_names[i];
+    if (n.size() != name.size()) continue;
+    bool same = true;
+    for (size_t k = 0; k < n.size() && same; ++k) {
+      same = std::tolower(static_cast<unsigned char>(n[k])) ==
+             std::tolower(static_cast<unsigned char>(name[k]));
+    }
+    if (same) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+std::optional<std::string> RecordSet::Field(size_t row, std::string_view name) const {
+  const int column = ColumnIndex(name);
+  if (column < 0 || row >= rows.size()) return std::nullopt;
+  return rows[row][static_cast<size_t>(column)];
+}
+
+void DbConnection::Open(std::string_view dsn, std::string_view user, std::string_view password) {
+  Close();
+  DbcHandle dbc = AllocateHandle<SQL_HANDLE_DBC>(SQL_HANDLE_ENV, database_->env().get());
+  std::string d(dsn), u(user), p(password);
+  CheckOdbc(SQLConnect(dbc.get(), reinterpret_cast<SQLCHAR*>(d.data()), SQL_NTS,
+                       reinterpret_cast<SQLCHAR*>(u.data()), SQL_NTS,
+                       reinterpret_cast<SQLCHAR*>(p.data()), SQL_NTS),
+            SQL_HANDLE_DBC, dbc.get(), "SQLConnect");
+  char name[128] = {};
+  SQLSMALLINT length = 0;
+  if (OdbcSucceeded(SQLGetInfo(dbc.get(), SQL_DBMS_NAME, name, sizeof name, &length))) {
+    dialect_ = DialectFromDbmsName(name);
+  } else {
+    dialect_ = Dialect::kOther;
+  }
+  dbc_ = std::move(dbc);
+}
+
+bool DBConnect(DbConnection& connection, std::string_view dsn, std::string_view user,
+               std::string_view password) {
+  Log& log = connection.database().log();
+  try {
+    connection.Open(dsn, user, password);
+    log.WriteLog("DBConnect (OK)");
+    return true;
+  } catch (const OdbcError& e) {
+    log.LogError(e.native_code(), e.what(), "DBConnect");
+  } catch (...) {
+    LogCurrentException(log, "DBConnect");
+  }
+  log.WriteLog("DBConnect (Error)");
+  return false;
+}
+
+bool DBConnect(DbConnection& connection) {
+  const DatabaseSettings& s = connection.database().settings();
+  return DBConnect(connection, s.dsn, s.user, s.password);
+}
+
+bool DBDisconnect(DbConnection& connection) {
+  connection.Close();
+  connection.database().log().WriteLog("DBDisconnect (OK)");
+  return true;
+}
+
+bool DBExecuteSQLCommand(DbConnection& connection, std::string_view sql, RecordSet& result,
+                         size_t max_rows) {
+  return ExecuteLogged(connection, sql, nullptr, result, max_rows);
+}
+
+bool DBExecuteSQLCommandWithBinary(DbConnection& connection, std::string_view sql,
+                                   std::string_view bytes, RecordSet& result) {
+  return ExecuteLogged(connection, sql, &bytes, result, SIZE_MAX);
+}
+
+bool DBCheckConnection(Database& database, std::string_view dsn, std::string_view user,
+                       std::string_view password) {
+  try {
+    DbConnection connection(database);
+    if (!DBConnect(connection, dsn, user, password)) {
+      throw RuntimeError(-1, "Verbindung fehlgeschlagen");
+    }
+    DBDisconnect(connection);
+    database.log().WriteLog("DBCheckConnection (OK)");
+    return true;
+  } catch (...) {
+    LogCurrentException(database.log(), "DBCheckConnection");
+  }
+  database.log().WriteLog("DBCheckConnection (Error)");
+  return false;
+}
+
+std::string DBGetStringFromRecordSet(Database& database, const RecordSet& result,
+                                     std::string_view column_delimiter,
+                                     std::string_view row_delimiter, bool trim, bool strip_last) {
+  try {
+    std::string text = RecordSetText(result, column_delimiter, row_delimiter, trim, strip_last);
+    database.log().WriteLog("DBGetStringFromRecordSet (OK)");
+    return text;
+  } catch (...) {
+    LogCurrentException(database.log(), "DBGetStringFromRecordSet");
+  }
+  database.log().WriteLog("DBGetStringFromRecordSet (Error)");
+  return "";
+}
+
+std::vector<std::string> DBGetArrayFromRecordSet(Database& database, const RecordSet& result,
+                                                 std::string_view column_delimiter,
+                                                 std::string_view row_delimiter, bool trim,
+                                                 bool strip_last) {
+  try {
+    std::vector<std::string> rows = Split(
+        RecordSetText(result, column_delimiter, row_delimiter, trim, strip_last), row_delimiter);
+    database.log().WriteLog("DBGetArrayFromRecordSet (OK)");
+    return rows;
+  } catch (...) {
+    LogCurrentException(database.log(), "DBGetArrayFromRecordSet");
+  }
+  database.log().WriteLog("DBGetArrayFromRecordSet (Error)");
+  return {};
+}
+
+std::vector<std::vector<std::string>> DBGetMatrixFromRecordSet(Database& database,
+                                                               const RecordSet& result,
+                                                               std::string_view column_delimiter,
+                                                               std::string_view row_delimiter,
+                                                               bool trim, bool strip_last) {
+  try {
+    std::vector<std::vector<std::string>> matrix;
+    for (const std::string& row :
+         Split(RecordSetText(result, column_delimiter, row_delimiter, trim, strip_last),
+               row_delimiter)) {
+      // Each row sets the column count anew, keeping what is there, as a resize that
+      // preserves content would. An empty row (the one after an unstripped last row
+      // delimiter) has no columns and keeps the width of the rows before it.
+      std::vector<std::string> columns = Split(row, column_delimiter);
+      const size_t width =
+          columns.empty() && !matrix.empty() ? matrix.back().size() : columns.size();
+      matrix.push_back(std::move(columns));
+      for (auto& r : matrix) r.resize(width);
+    }
+    database.log().WriteLog("DBGetMatrixFromRecordSet (OK)");
+    return matrix;
+  } catch (...) {
+    LogCurrentException(database.log(), "DBGetMatrixFromRecordSet");
+  }
+  database.log().WriteLog("DBGetMatrixFromRecordSet (Error)");
+  return {};
+}
+
+}  // namespace kalvo

@@ -1,0 +1,126 @@
+// Connecting, executing one SQL text and turning a result set into delimited text: the
+// layer every other database operation goes through. Each operation writes its log line
+// ("<name> (OK)" or "<name> (Error)") and reports failure by its result, never by throwing.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "db/database.h"
+#include "db/dialect.h"
+#include "db/odbc_handles.h"
+
+namespace kalvo {
+
+// One open (or not yet opened) database connection. Created per operation; the Database
+// must outlive it. Destroying a connected one disconnects it (back to the driver manager's
+// pool when pooling is on).
+class DbConnection {
+ public:
+  explicit DbConnection(Database& database) : database_(&database) {}
+
+  Database& database() const { return *database_; }
+  bool is_open() const { return static_cast<bool>(dbc_); }
+  SQLHDBC handle() const { return dbc_.get(); }
+  // The engine's dialect, from the DBMS name the driver reported at connect.
+  Dialect dialect() const { return dialect_; }
+
+  // Opens with SQLConnect; throws OdbcError. Closes a previous connection first.
+  void Open(std::string_view dsn, std::string_view user, std::string_view password);
+  // Closes it; a closed connection stays closed. Never throws.
+  void Close() noexcept { dbc_.Reset(); }
+
+ private:
+  Database* database_;
+  DbcHandle dbc_;
+  Dialect dialect_ = Dialect::kOther;
+};
+
+// The rows of one executed statement, fetched completely at execution. A statement that
+// yields no rows to fetch (INSERT, UPDATE, DDL) gives a result set that is not open. Every
+// value is fetched as text (Windows-1252 bytes), except columns of a binary SQL type, whose
+// bytes come unchanged; NULL is std::nullopt.
+struct RecordSet {
+  bool open = false;
+  std::vector<std::string> column_names;
+  std::vector<bool> column_is_binary;
+  std::vector<std::vector<std::optional<std::string>>> rows;
+
+  // True when there is no row (the end of the set at once).
+  bool Eof() const { return rows.empty(); }
+  // Index of the column named `name` (case-insensitive), -1 when there is none.
+  int ColumnIndex(std::string_view name) const;
+  // The value of column `name` in row `row`; std::nullopt for NULL, a missing column or
+  // a missing row.
+  std::optional<std::string> Field(size_t row, std::string_view name) const;
+};
+
+// Opens `connection` with `dsn`, `user` and `password`. Logs "DBConnect (OK)" and returns
+// true, or logs the driver's error and "DBConnect (Error)" and returns false.
+bool DBConnect(DbConnection& connection, std::string_view dsn, std::string_view user,
+               std::string_view password);
+// The same with the DSN, user and password of the connection's Database settings.
+bool DBConnect(DbConnection& connection);
+
+// Closes the connection; logs "DBDisconnect (OK)" and returns true.
+bool DBDisconnect(DbConnection& connection);
+
+// Executes `sql` (adapted to the engine's dialect, see AdaptStatement) and fetches its rows
+// into `result`. Logs "DBExecuteSQLCommand (OK) {<sql>}" and returns true. On failure stores
+// the native error code and message as the Database's last error, writes an error entry
+// with them, the source "DBExecuteSQLCommand" and the SQL, logs
+// "DBExecuteSQLCommand (Error) {<sql>}", leaves `result` unset (not open) and returns false.
+// At most `max_rows` rows are fetched (0 for a probe that only asks whether the statement
+// runs: `result` then has its columns but no rows).
+bool DBExecuteSQLCommand(DbConnection& connection, std::string_view sql, RecordSet& result,
+                         size_t max_rows = SIZE_MAX);
+
+// Like DBExecuteSQLCommand for a statement with exactly one parameter marker "?", which is
+// bound to `bytes` as binary data (SQL_C_BINARY / SQL_LONGVARBINARY; empty bytes are an
+// empty value, not NULL). Logged and reported exactly as DBExecuteSQLCommand.
+bool DBExecuteSQLCommandWithBinary(DbConnection& connection, std::string_view sql,
+                                   std::string_view bytes, RecordSet& result);
+
+// Connects to `dsn` with `user` and `password` and disconnects again. Logs
+// "DBCheckConnection (OK)" and returns true, or logs the error -1 "Verbindung
+// fehlgeschlagen" and "DBCheckConnection (Error)" and returns false.
+bool DBCheckConnection(Database& database, std::string_view dsn, std::string_view user,
+                       std::string_view password);
+
+// The result set as text: each row's values joined by `column_delimiter`, each row followed
+// by `row_delimiter`, NULL as "". With `trim`, leading and trailing blanks of the whole
+// text are removed; with `strip_last`, one trailing row delimiter is removed. Logs
+// "DBGetStringFromRecordSet (OK)". A set without rows (or not open) is an error: logged with
+// "DBGetStringFromRecordSet (Error)", result "". Callers test Eof() first.
+std::string DBGetStringFromRecordSet(Database& database, const RecordSet& result,
+                                     std::string_view column_delimiter,
+                                     std::string_view row_delimiter, bool trim, bool strip_last);
+
+// The text of DBGetStringFromRecordSet split at the row delimiter: one element per row
+// (columns still joined), plus an empty last element when the delimiter was not stripped.
+// Logs "DBGetArrayFromRecordSet (OK)" / "(Error)"; empty on error.
+std::vector<std::string> DBGetArrayFromRecordSet(Database& database, const RecordSet& result,
+                                                 std::string_view column_delimiter,
+                                                 std::string_view row_delimiter, bool trim,
+                                                 bool strip_last);
+
+// The text of DBGetStringFromRecordSet as a matrix indexed [row][column]: rows split at the
+// row delimiter, each row split at the column delimiter; every row ends up with the column
+// count of the last row. Logs "DBGetMatrixFromRecordSet (OK)" / "(Error)"; empty on error.
+std::vector<std::vector<std::string>> DBGetMatrixFromRecordSet(Database& database,
+                                                               const RecordSet& result,
+                                                               std::string_view column_delimiter,
+                                                               std::string_view row_delimiter,
+                                                               bool trim, bool strip_last);
+
+// The text that every operation logs when its own connect failed.
+inline constexpr std::string_view kConnectFailedText =
+    "Verbindungsherstellung zur Datenbank nicht erfolgreich";
+// The variant with "!" used by the configuration and a few other operations.
+inline constexpr std::string_view kConnectFailedTextBang =
+    "Verbindungsherstellung zur Datenbank nicht erfolgreich!";
+
+}  // namespace kalvo

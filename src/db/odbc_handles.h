@@ -1,0 +1,112 @@
+// RAII ownership of ODBC handles, the one checking helper that turns a failed ODBC call into
+// an OdbcError carrying the driver's diagnostics, and the process-wide ODBC environment.
+#pragma once
+
+#include <sql.h>
+#include <sqlext.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace kalvo {
+
+// A failed ODBC call: the native error code of the driver, the five-character SQLSTATE and
+// the diagnostic message of the first diagnostic record. `what()` is the message.
+class OdbcError : public std::runtime_error {
+ public:
+  OdbcError(int32_t native_code, std::string sql_state, const std::string& message)
+      : std::runtime_error(message), native_code_(native_code), sql_state_(std::move(sql_state)) {}
+  int32_t native_code() const { return native_code_; }
+  const std::string& sql_state() const { return sql_state_; }
+
+ private:
+  int32_t native_code_;
+  std::string sql_state_;
+};
+
+// True for SQL_SUCCESS and SQL_SUCCESS_WITH_INFO.
+inline bool OdbcSucceeded(SQLRETURN rc) { return rc == SQL_SUCCESS || rc == SQL_SUCCESS_WITH_INFO; }
+
+// Builds the error of the first diagnostic record of `handle` (of ODBC type `type`). When
+// the handle holds no record, the error says which call (`context`) failed with which code.
+OdbcError MakeOdbcError(SQLSMALLINT type, SQLHANDLE handle, std::string_view context, SQLRETURN rc);
+
+// Throws MakeOdbcError(...) unless `rc` is a success. `context` names the ODBC call.
+void CheckOdbc(SQLRETURN rc, SQLSMALLINT type, SQLHANDLE handle, std::string_view context);
+
+// Owns one ODBC handle of type `Type` and frees it on destruction (never throws). Movable,
+// not copyable. A connection handle that is still connected is disconnected before it is
+// freed, so that a pooled connection goes back to the pool.
+template <SQLSMALLINT Type>
+class OdbcHandle {
+ public:
+  OdbcHandle() = default;
+  explicit OdbcHandle(SQLHANDLE handle) : handle_(handle) {}
+  ~OdbcHandle() { Reset(); }
+  OdbcHandle(OdbcHandle&& other) noexcept : handle_(other.Release()) {}
+  OdbcHandle& operator=(OdbcHandle&& other) noexcept {
+    if (this != &other) {
+      Reset();
+      handle_ = other.Release();
+    }
+    return *this;
+  }
+  OdbcHandle(const OdbcHandle&) = delete;
+  OdbcHandle& operator=(const OdbcHandle&) = delete;
+
+  SQLHANDLE get() const { return handle_; }
+  explicit operator bool() const { return handle_ != SQL_NULL_HANDLE; }
+  SQLHANDLE Release() noexcept {
+    SQLHANDLE h = handle_;
+    handle_ = SQL_NULL_HANDLE;
+    return h;
+  }
+  void Reset() noexcept {
+    if (handle_ == SQL_NULL_HANDLE) return;
+    if constexpr (Type == SQL_HANDLE_DBC) SQLDisconnect(handle_);
+    SQLFreeHandle(Type, handle_);
+    handle_ = SQL_NULL_HANDLE;
+  }
+
+ private:
+  SQLHANDLE handle_ = SQL_NULL_HANDLE;
+};
+
+using EnvHandle = OdbcHandle<SQL_HANDLE_ENV>;
+using DbcHandle = OdbcHandle<SQL_HANDLE_DBC>;
+using StmtHandle = OdbcHandle<SQL_HANDLE_STMT>;
+
+// Allocates a handle of type `Type` under `parent` (of type `parent_type`); throws OdbcError.
+template <SQLSMALLINT Type>
+OdbcHandle<Type> AllocateHandle(SQLSMALLINT parent_type, SQLHANDLE parent) {
+  SQLHANDLE h = SQL_NULL_HANDLE;
+  CheckOdbc(SQLAllocHandle(Type, parent, &h), parent_type, parent, "SQLAllocHandle");
+  return OdbcHandle<Type>(h);
+}
+
+// The one ODBC environment of the process (ODBC 3 behaviour). The Server owns it and hands
+// it to every Database; it must outlive every connection made through it. With `pooling`,
+// driver-manager pooling (one pool per driver) is requested before the environment is
+// allocated; the driver manager only pools when its odbcinst.ini enables it as well (see
+// OdbcPoolingEnabled). Throws OdbcError when the environment cannot be set up.
+class OdbcEnvironment {
+ public:
+  explicit OdbcEnvironment(bool pooling = true);
+  SQLHENV get() const { return env_.get(); }
+
+ private:
+  EnvHandle env_;
+};
+
+// True when the driver manager's effective configuration turns pooling on: the [ODBC]
+// section of odbcinst.ini (in $ODBCSYSINI, else the system directory) says Pooling = Yes
+// (or 1/On/True). Reads through SQLGetPrivateProfileString; false when nothing is found.
+bool OdbcPoolingEnabled();
+
+// The CPTimeout value of the driver entry `driver` in odbcinst.ini, "" when it has none.
+// Without one the driver manager does not pool that driver's connections.
+std::string OdbcDriverPoolTimeout(std::string_view driver);
+
+}  // namespace kalvo

@@ -1,0 +1,395 @@
+#include "db/schema.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "infra/arrays.h"
+#include "infra/log.h"
+#include "infra/runtime_error.h"
+
+namespace kalvo {
+namespace {
+
+// A column of the schema: S text (size > 0 a fixed width, kMax the StringMaxSize setting),
+// N integer, B binary.
+constexpr int kMax = -1;
+struct Column {
+  std::string_view name;
+  char kind;
+  int size;
+};
+struct Table {
+  std::string_view name;
+  std::vector<Column> columns;
+  // BLOB columns are not counted; they are probed by this statement instead.
+  std::string_view blob_probe;
+};
+
+const std::array<Table, 13>& Tables() {
+  static const std::array<Table, 13> tables = {{
+      {"tbl_kdx_tmp_string", {{"tmp_string", 'S', kMax}}, ""},
+      {"tbl_kdx_tmp_number", {{"tmp_number", 'N', 0}}, ""},
+      {"tbl_kdx_tmp_blob", {{"tmp_string", 'S', 1}, {"tmp_blob", 'B', 0}}, ""},
+      {"tbl_kdx_token",
+       {{"token_guid", 'S', 36},
+        {"token_person", 'S', kMax},
+        {"token_description", 'S', kMax},
+        {"token_creation", 'S', 19},
+        {"token_last_use", 'S', 19},
+        {"token_last_ip", 'S', 15},
+        {"token_certificate", 'B', 0},
+        {"token_user_dn", 'S', kMax}},
+       "SELECT token_last_ip, token_certificate FROM tbl_kdx_token"},
+      {"tbl_kdx_groups",
+       {{"group_guid", 'S', 36},
+        {"group_name", 'S', kMax},
+        {"group_description", 'S', kMax},
+        {"group_abilities", 'N', 0}},
+       ""},
+      {"tbl_kdx_token_groups", {{"token_guid", 'S', 36}, {"group_guid", 'S', 36}}, ""},
+      {"tbl_kdx_backup",
+       {{"token_guid", 'S', 36},
+        {"backup_name", 'S', kMax},
+        {"backup_index", 'N', 0},
+        {"backup_order", 'N', 0},
+        {"backup_type", 'N', 0},
+        {"backup_size", 'N', 0},
+        {"backup_data", 'B', 0},
+        {"backup_time", 'S', 19}},
+       "SELECT backup_size,backup_data FROM tbl_kdx_backup"},
+      {"tbl_kdx_job_properties",
+       {{"action_guid", 'S', 36},
+        {"action_name", 'S', kMax},
+        {"action_type", 'N', 0},
+        {"action_period", 'N', 0},
+        {"action_priority", 'N', 0},
+        {"action_first_time", 'S', 19},
+        {"action_last_time", 'S', 19},
+        {"action_stopped", 'N', 0}},
+       ""},
+      {"tbl_kdx_job_members", {{"action_guid", 'S', 36}, {"member_guid", 'S', 36}}, ""},
+      {"tbl_kdx_job_data",
+       {{"action_guid", 'S', 36}, {"action_data", 'B', 0}, {"action_data_order", 'N', 0}},
+       "SELECT action_guid,action_data FROM tbl_kdx_job_data"},
+      {"tbl_kdx_job_data_source",
+       {{"action_guid", 'S', 36}, {"data_source", 'S', kMax}, {"data_source_owner", 'S', kMax}},
+       ""},
+      {"tbl_kdx_job_state",
+       {{"action_guid", 'S', 36},
+        {"token_guid", 'S', 36},
+        {"last_time", 'S', 19},
+        {"action_counter", 'N', 0},
+        {"success_counter", 'N', 0}},
+       ""},
+      {"tbl_kdx_logging_client",
+       {{"token_guid", 'S', 36},
+        {"user_name", 'S', kMax},
+        {"token_action", 'S', kMax},
+        {"token_timestamp", 'S', 19},
+        {"token_ip", 'S', 15},
+        {"action_guid", 'S', 36},
+        {"token_user_dn", 'S', kMax}},
+       ""},
+  }};
+  return tables;
+}
+
+const Table* TableAt(int index) {
+  if (index < 1 || index > 13) return nullptr;
+  return &Tables()[static_cast<size_t>(index - 1)];
+}
+
+std::string_view TypeWord(char kind, const DatabaseSettings& s) {
+  return kind == 'S' ? s.string_type : kind == 'N' ? s.number_type : s.blob_type;
+}
+
+int32_t ColumnSize(const Column& c, const DatabaseSettings& s) {
+  if (c.kind != 'S') return 0;
+  return c.size == kMax ? s.string_max_size : c.size;
+}
+
+// Runs one statement on `connection` that only has to succeed; its rows are not fetched.
+bool Runs(DbConnection& connection, std::string_view sql) {
+  RecordSet ignored;
+  return DBExecuteSQLCommand(connection, sql, ignored, 0);
+}
+
+bool InsertDefaultData(DbConnection& connection, int index, const LanguageLookup& language) {
+  if (index != 5) return true;
+  const std::string name = language ? language("DLG_GROUP_PROPERTIES", "GROUP_EVERYONE") : "";
+  const std::string description =
+      language ? language("DLG_GROUP_PROPERTIES", "GROUP_EVERYONE_DESCRIPTION") : "";
+  const std::string sql = "INSERT INTO tbl_kdx_groups VALUES ('" + std::string(kEveryoneGroupGuid) +
+                          "', '" + name + "', '" + description + "', 0)";
+  RecordSet ignored;
+  return DBExecuteSQLCommand(connection, sql, ignored);
+}
+
+// A whole number the way the configuration fields carry it: blanks around it allowed,
+// decimals rounded half to even; anything else is a type mismatch.
+int32_t ToInt32(std::string_view text) {
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  double value = 0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || ec != std::errc() || end != text.data() + text.size()) {
+    throw RuntimeError(kErrTypeMismatch, "Type mismatch");
+  }
+  value = std::nearbyint(value);
+  if (value < std::numeric_limits<int32_t>::min() || value > std::numeric_limits<int32_t>::max()) {
+    throw RuntimeError(kErrOverflow, "Overflow");
+  }
+  return static_cast<int32_t>(value);
+}
+
+}  // namespace
+
+std::string_view TableStateName(TableState state) {
+  switch (state) {
+    case TableState::kUpToDate:
+      return "UpToDate";
+    case TableState::kConnectFailed:
+      return "ConnectFailed";
+    case TableState::kNoTables:
+      return "NoTables";
+    case TableState::kTableMissing:
+      return "TableMissing";
+    case TableState::kColumnMissing:
+      return "ColumnMissing";
+    case TableState::kDataMissing:
+      return "DataMissing";
+  }
+  return "Unknown";
+}
+
+std::string TableName(int index) {
+  const Table* t = TableAt(index);
+  return t ? std::string(t->name) : std::string();
+}
+
+std::string CreateTableStatement(int index, const DatabaseSettings& settings) {
+  const Table* t = TableAt(index);
+  if (t == nullptr) return "";
+  std::string sql = "CREATE TABLE " + std::string(t->name) + " (";
+  for (size_t i = 0; i < t->columns.size(); ++i) {
+    const Column& c = t->columns[i];
+    if (i > 0) sql += ", ";
+    sql += c.name;
+    sql += ' ';
+    sql += TypeWord(c.kind, settings);
+    if (c.kind == 'S') sql += "(" + std::to_string(ColumnSize(c, settings)) + ")";
+  }
+  return sql + ")";
+}
+
+bool DBCreateTable(DbConnection& connection, int index, const DatabaseSettings& settings) {
+  RecordSet ignored;
+  return DBExecuteSQLCommand(connection, CreateTableStatement(index, settings), ignored);
+}
+
+bool DBProbeTable(DbConnection& connection, int index) {
+  return Runs(connection, "SELECT * FROM " + TableName(index));
+}
+
+bool DBDropTable(DbConnection& connection, int index) {
+  if (!DBProbeTable(connection, index)) return true;
+  Runs(connection, "DROP TABLE " + TableName(index));
+  return !DBProbeTable(connection, index);
+}
+
+int32_t DBCreateAllTables(DbConnection& connection, const DatabaseSettings& settings,
+                          const LanguageLookup& language) {
+  int32_t failures = 0;
+  for (int index = 4; index <= 13; ++index) {
+    if (!DBCreateTable(connection, index, settings)) ++failures;
+  }
+  for (int index = 4; index <= 13; ++index) {
+    if (!InsertDefaultData(connection, index, language)) ++failures;
+  }
+  return failures;
+}
+
+int32_t DBDropAllTables(DbConnection& connection) {
+  int32_t failures = 0;
+  for (int index = 4; index <= 13; ++index) {
+    if (!DBDropTable(connection, index)) ++failures;
+  }
+  return failures;
+}
+
+int32_t DBUpgradeTables(DbConnection& connection, const DatabaseSettings& settings) {
+  // Deliberately the result of the last step only; earlier failures show in the log.
+  int32_t result = 0;
+  for (int number = 1; number <= 10; ++number) {
+    const int index = number + 3;
+    const TableState state = DBGetTableState(connection, number);
+    if (state == TableState::kTableMissing) {
+      result = DBCreateTable(connection, index, settings) ? 0 : 1;
+    } else if (state == TableState::kColumnMissing) {
+      for (const Column& c : TableAt(index)->columns) {
+        result = DBAddColumnIfNotExisting(connection, index, c.name, TypeWord(c.kind, settings),
+                                          ColumnSize(c, settings), "")
+                     ? 0
+                     : 1;
+      }
+    }
+  }
+  return result;
+}
+
+int32_t DBConfigDatabase(Database& database, std::string_view parameters, int32_t mode,
+                         const ConfigDatabaseHooks& hooks) {
+  Log& log = database.log();
+  int32_t result = 0;
+  try {
+    const std::vector<std::string> fields = Split(parameters, std::string_view("\0", 1));
+    if (ArrayUpper(fields) < 8) {
+      log.WriteLog("DBConfigDatabase (Error) - Array not big enough");
+      return -2;
+    }
+    DatabaseSettings s;
+    s.dsn = fields[0];
+    s.user = hooks.decrypt ? hooks.decrypt(fields[1]) : fields[1];
+    s.password = hooks.decrypt ? hooks.decrypt(fields[2]) : fields[2];
+    s.string_type = fields[3];
+    s.string_max_size = ToInt32(fields[4]);
+    s.number_type = fields[5];
+    s.blob_type = fields[6];
+    s.blob_max_size = ToInt32(fields[7]);
+
+    DbConnection connection(database);
+    if (!DBConnect(connection, s.dsn, s.user, s.password)) {
+      log.LogError(0, kConnectFailedTextBang, "DBConfigDatabase");
+      return -1;
+    }
+    switch (mode) {
+      case 1:
+        result = DBCreateAllTables(connection, s, hooks.language);
+        break;
+      case 2:
+        result = DBUpgradeTables(connection, s);
+        break;
+      case 3:
+        result = DBDropAllTables(connection);
+        break;
+      case 4:
+        result = DBDropAllTables(connection);
+        // A failed drop never goes on to create; +100 tells it from a failed create.
+        result = result != 0 ? result + 100 : DBCreateAllTables(connection, s, hooks.language);
+        break;
+      default:
+        break;
+    }
+    DBDisconnect(connection);
+    if (result == 0) {
+      database.set_settings(s);
+      if (hooks.store) hooks.store(s);
+      log.WriteLog("DBConfigDatabase (OK)");
+    }
+    return result;
+  } catch (...) {
+    LogCurrentException(log, "DBConfigDatabase");
+  }
+  log.WriteLog("DBConfigDatabase (Error)");
+  return result != 0 ? result : -3;
+}
+
+bool DBAddColumnIfNotExisting(DbConnection& connection, int index, std::string_view column,
+                              std::string_view type, int32_t size, std::string_view other) {
+  const std::string table = index >= 4 && index <= 13 ? TableName(index) : "";
+  std::string probe = "SELECT " + std::string(column);
+  if (!other.empty()) probe += ", ";
+  probe += std::string(other) + " FROM " + table;
+  if (Runs(connection, probe)) return true;
+
+  std::string sql =
+      "ALTER TABLE " + table + " ADD " + std::string(column) + " " + std::string(type);
+  if (size > 0) sql += "(" + std::to_string(size) + ")";
+  Database& db = connection.database();
+  RecordSet ignored;
+  if (DBExecuteSQLCommand(connection, sql, ignored)) return true;
+  // The execute has recorded the driver's error as the last error; it is reported once
+  // more under this operation's name.
+  db.log().LogError(db.last_error_number(), db.last_error_description(), "DBAddColumnIfNotExisting",
+                    sql);
+  return false;
+}
+
+TableState DBGetTableState(DbConnection& connection, int number) {
+  Log& log = connection.database().log();
+  const Table* t = TableAt(number + 3);
+  TableState state = TableState::kUpToDate;
+  if (t == nullptr || !Runs(connection, "SELECT COUNT(*) FROM " + std::string(t->name))) {
+    state = TableState::kTableMissing;
+  } else {
+    for (const Column& c : t->columns) {
+      const std::string sql =
+          c.kind == 'B' ? std::string(t->blob_probe)
+                        : "SELECT COUNT(" + std::string(c.name) + ") FROM " + std::string(t->name);
+      if (!Runs(connection, sql)) {
+        state = TableState::kColumnMissing;
+        break;
+      }
+    }
+    if (state == TableState::kUpToDate && number + 3 == 5) {
+      RecordSet count;
+      const std::string sql = "SELECT COUNT(group_guid) FROM tbl_kdx_groups WHERE group_guid='" +
+                              std::string(kEveryoneGroupGuid) + "'";
+      if (DBExecuteSQLCommand(connection, sql, count) && !count.Eof() &&
+          count.rows[0][0].value_or("0") == "0") {
+        state = TableState::kDataMissing;
+      }
+    }
+  }
+  log.WriteLog("DBGetTableState -> " + std::string(TableStateName(state)));
+  return state;
+}
+
+TableState DBIsDatabaseUpToDate(Database& database) {
+  Log& log = database.log();
+  DbConnection connection(database);
+  TableState state = TableState::kUpToDate;
+  if (!DBConnect(connection)) {
+    state = TableState::kConnectFailed;
+  } else {
+    int missing = 0;
+    bool column_missing = false, data_missing = false;
+    for (int number = 1; number <= 10; ++number) {
+      switch (DBGetTableState(connection, number)) {
+        case TableState::kTableMissing:
+          ++missing;
+          break;
+        case TableState::kColumnMissing:
+          column_missing = true;
+          break;
+        case TableState::kDataMissing:
+          data_missing = true;
+          break;
+        default:
+          break;
+      }
+    }
+    DBDisconnect(connection);
+    if (missing == 10) {
+      state = TableState::kNoTables;
+    } else if (missing > 0) {
+      state = TableState::kTableMissing;
+    } else if (column_missing) {
+      state = TableState::kColumnMissing;
+    } else if (data_missing) {
+      state = TableState::kDataMissing;
+    }
+  }
+  log.WriteLog("DBIsDatabaseUpToDate -> " + std::string(TableStateName(state)));
+  return state;
+}
+
+TableState CheckDatabaseState(OdbcEnvironment& env, Log& log, const DatabaseSettings& settings) {
+  Database database(env, log, settings);
+  return DBIsDatabaseUpToDate(database);
+}
+
+}  // namespace kalvo
