@@ -1,0 +1,203 @@
+#include "infra/log.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "infra/cdebug.h"
+#include "infra/registry.h"
+#include "infra/runtime_error.h"
+
+namespace kalvo {
+namespace {
+
+namespace fs = std::filesystem;
+
+class LogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() /
+           ("kalvo_log_" + std::to_string(::getpid()) + "_" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  // A registry whose product key holds the given LogLevel and LogMaxSize lines.
+  RegistryStore& Registry(const std::string& values) {
+    {
+      std::ofstream out(dir_ / "registry.reg", std::ios::binary);
+      out << "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara]\r\n"
+          << values << "\r\n";
+    }
+    store_ = std::make_unique<RegistryStore>((dir_ / "registry.reg").string());
+    return *store_;
+  }
+
+  std::string Read(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+  }
+
+  std::string LogPath() { return (dir_ / "kalvosrv.log").string(); }
+
+  fs::path dir_;
+  std::unique_ptr<RegistryStore> store_;
+};
+
+TEST_F(LogTest, LevelDecidesWhichLinesAreWritten) {
+  const struct {
+    const char* values;
+    const char* expected;  // the messages found in the file, in order
+  } cases[] = {
+      {"\"LogLevel\"=dword:00000001", "plain|forced|"},
+      {"", "forced|"},                            // level 0 (default): only forced lines
+      {"\"LogLevel\"=dword:ffffffff", ""},        // negative: nothing, not even forced lines
+      {"\"LogLevel\"=\"3\"", "plain|forced|"},    // a text level counts as its number
+  };
+  for (const auto& c : cases) {
+    fs::remove(LogPath());
+    Log log(Registry(c.values), LogPath());
+    log.WriteLog("plain");
+    log.WriteLog("forced", true);
+    std::string found;
+    std::istringstream lines(Read(LogPath()));
+    for (std::string line; std::getline(lines, line);) {
+      found += line.substr(line.find(" - ") + 3, line.size() - line.find(" - ") - 4) + "|";
+    }
+    EXPECT_EQ(found, c.expected) << c.values;
+  }
+}
+
+TEST_F(LogTest, LineIsDatedCrlfTerminatedUtf8) {
+  Log log(Registry("\"LogLevel\"=dword:00000001"), LogPath());
+  log.WriteLog("Verbindung hergestellt: Gr\xFC\xDF" "e");
+  const std::string text = Read(LogPath());
+  EXPECT_TRUE(std::regex_match(
+      text, std::regex("\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d - Verbindung hergestellt: "
+                       "Gr\xC3\xBC\xC3\x9F" "e\r\n")))
+      << text;
+}
+
+TEST_F(LogTest, LogErrorFormatsNumberDescriptionProcedureAndExtra) {
+  Log log(Registry("\"LogLevel\"=dword:00000001"), LogPath());
+  log.LogError(13, "Type mismatch", "SocketGetData");
+  log.LogError(6, "Overflow", "Socket_DataArrival", "3Socket");
+  const std::string text = Read(LogPath());
+  EXPECT_NE(text.find(" - Fehler: 13 - Type mismatch (SocketGetData) {}\r\n"), std::string::npos);
+  EXPECT_NE(text.find(" - Fehler: 6 - Overflow (Socket_DataArrival) {3Socket}\r\n"),
+            std::string::npos);
+}
+
+TEST_F(LogTest, CaughtExceptionsAreLoggedWithAFittingNumber) {
+  Log log(Registry("\"LogLevel\"=dword:00000001"), LogPath());
+  try {
+    throw RuntimeError(kErrOverflow, "Overflow");
+  } catch (...) {
+    LogCurrentException(log, "A");
+  }
+  try {
+    throw std::out_of_range("index 7");
+  } catch (...) {
+    LogCurrentException(log, "B");
+  }
+  const std::string text = Read(LogPath());
+  EXPECT_NE(text.find("Fehler: 6 - Overflow (A) {}"), std::string::npos);
+  EXPECT_NE(text.find("Fehler: 9 - index 7 (B) {}"), std::string::npos);
+}
+
+TEST_F(LogTest, FileAtTheLimitRotatesBeforeTheNextLine) {
+  Log log(Registry("\"LogLevel\"=dword:00000001\r\n\"LogMaxSize\"=dword:00000001"), LogPath());
+  // Fill the file to exactly 1 MiB: the next line must go to a fresh file.
+  { std::ofstream(LogPath(), std::ios::binary) << std::string(1024 * 1024, 'a'); }
+  log.WriteLog("first of the new generation");
+  EXPECT_EQ(fs::file_size(LogPath() + ".bak"), 1024u * 1024u);
+  const std::string text = Read(LogPath());
+  EXPECT_EQ(text.find("first of the new generation"), 22u) << text;
+}
+
+TEST_F(LogTest, ZeroLimitKeepsExactlyTheLastTwoLines) {
+  Log log(Registry("\"LogLevel\"=dword:00000001\r\n\"LogMaxSize\"=dword:00000000"), LogPath());
+  log.WriteLog("one");
+  log.WriteLog("two");
+  log.WriteLog("three");
+  const std::string text = Read(LogPath());
+  EXPECT_TRUE(text.ends_with(" - three\r\n"));
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+  EXPECT_TRUE(Read(LogPath() + ".bak").ends_with(" - two\r\n"));
+}
+
+TEST_F(LogTest, LimitThatOverflowsThe32BitSizeLosesTheLine) {
+  Log log(Registry("\"LogLevel\"=dword:00000001\r\n\"LogMaxSize\"=dword:00000800"), LogPath());
+  log.WriteLog("lost");
+  EXPECT_FALSE(fs::exists(LogPath()));
+}
+
+TEST_F(LogTest, UnwritableFileLosesOnlyThatLine) {
+  Log log(Registry("\"LogLevel\"=dword:00000001"), (dir_ / "missing" / "x.log").string());
+  EXPECT_NO_THROW(log.WriteLog("nowhere to go"));
+}
+
+TEST_F(LogTest, SettingsChangesTakeEffectWithTheNextLine) {
+  Registry("\"LogLevel\"=dword:00000000");
+  Log log(*store_, LogPath());
+  log.WriteLog("not written");
+  RegistryWrite(*store_, "HKEY_LOCAL_MACHINE:Software", "Orvanta", "Zentara", "LogLevel", 1);
+  log.WriteLog("written");
+  const std::string text = Read(LogPath());
+  EXPECT_EQ(text.find("not written"), std::string::npos);
+  EXPECT_NE(text.find("written"), std::string::npos);
+}
+
+TEST(LogPathTest, LogLiesInTheParentOfTheProgramDirectory) {
+  EXPECT_EQ(Log::LogPathFor({"/opt/zentara/kdx", "kalvosrv"}), "/opt/zentara/kalvosrv.log");
+  EXPECT_EQ(Log::LogPathFor({"/kdx", "kalvosrv"}), "/kalvosrv.log");
+  EXPECT_EQ(Log::LogPathFor({"/", "kalvosrv"}), "/kalvosrv.log");
+}
+
+TEST(CDebugTest, ContinuedLineReportsTheElapsedMilliseconds) {
+  CDebug trace;
+  trace.SetProgName("KalvoAdm");
+  const std::string open = trace.FormatLine("A", false);
+  EXPECT_TRUE(std::regex_match(open, std::regex("\\d\\d\\.\\d\\d-\\d\\d:\\d\\d:\\d\\d - KalvoAdm - A")))
+      << open;
+  const std::string close = trace.FormatLine("B", true);
+  EXPECT_TRUE(std::regex_match(close, std::regex("B \\(\\d+ms\\)\r\n"))) << close;
+  // A fresh line again carries the stamp and no duration.
+  EXPECT_TRUE(std::regex_match(trace.FormatLine("C", true),
+                               std::regex("\\d\\d\\.\\d\\d-\\d\\d:\\d\\d:\\d\\d - KalvoAdm - C\r\n")));
+}
+
+TEST(CDebugTest, TraceFileRotatesAtItsMaximumSize) {
+  const fs::path dir = fs::temp_directory_path() / ("kalvo_trace_" + std::to_string(::getpid()));
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  CDebug trace(dir.string());
+  trace.SetProgName("trace");
+  trace.SetToFile(true);
+  trace.SetMaxFileSize(10);
+  trace.Write("first line", true);
+  trace.Write("second line", true);
+  EXPECT_TRUE(fs::exists(dir / "trace.log.bak"));
+  std::ifstream in(dir / "trace.log");
+  std::string line;
+  std::getline(in, line);
+  EXPECT_NE(line.find("second line"), std::string::npos);
+  fs::remove_all(dir);
+}
+
+TEST(CDebugTest, HelpersOnPathsAndLineBreaks) {
+  EXPECT_EQ(CDebug::AddBackslash("/opt"), "/opt/");
+  EXPECT_EQ(CDebug::AddBackslash("/opt/"), "/opt/");
+  EXPECT_EQ(CDebug::RemoveLineBreaks("a\r\nb\nc"), "a  b c");
+}
+
+}  // namespace
+}  // namespace kalvo
