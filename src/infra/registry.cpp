@@ -183,10 +183,8 @@ void RegistryQueryPath(RegistryStore& store, std::string_view path, std::string&
     const auto doc = store.Snapshot();
     const RegValue* value = nullptr;
     for (const std::string& candidate : candidates) {
-      if (doc->KeyExists(candidate)) {
-        value = doc->FindValue(candidate, value_name);
-        break;
-      }
+      value = doc->FindValue(candidate, value_name);
+      if (value != nullptr) break;
     }
     CloseRootKey(hive);
     if (value == nullptr) return;

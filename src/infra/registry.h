@@ -43,9 +43,9 @@ RegistryValue RegistryEnumValues(RegistryStore& store, std::string_view root, st
 // `value_text`; otherwise leaves both untouched. Remote paths ("\\machine\...") fail.
 // Texts are cut at their first NUL and stripped of trailing blanks, so a multi-string gives
 // its first item and an expandable string its unexpanded text. Under HKEY_CLASSES_ROOT the
-// key is looked up as Windows merges that hive: in HKEY_CURRENT_USER\Software\Classes
-// first, then in a literal HKEY_CLASSES_ROOT section, then in
-// HKEY_LOCAL_MACHINE\Software\Classes; the first of them where the key exists is used.
+// value is looked up as in the merged view Windows gives of that hive: in
+// HKEY_CURRENT_USER\Software\Classes first, then in a literal HKEY_CLASSES_ROOT section,
+// then in HKEY_LOCAL_MACHINE\Software\Classes; the first place holding it wins.
 void RegistryQueryPath(RegistryStore& store, std::string_view path, std::string& type_name,
                        std::string& value_text);
 
