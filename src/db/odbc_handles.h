@@ -102,7 +102,8 @@ class OdbcEnvironment {
 
 // True when the driver manager's effective configuration turns pooling on: the [ODBC]
 // section of odbcinst.ini (in $ODBCSYSINI, else the system directory) says Pooling = Yes
-// (or 1/On/True). Reads through SQLGetPrivateProfileString; false when nothing is found.
+// (or 1/On/True). The file is $ODBCSYSINI/odbcinst.ini (ODBCINSTINI may rename it),
+// /etc/odbcinst.ini without those variables; false when nothing is found.
 bool OdbcPoolingEnabled();
 
 // The CPTimeout value of the driver entry `driver` in odbcinst.ini, "" when it has none.

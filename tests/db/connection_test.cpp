@@ -1,0 +1,227 @@
+// Connecting, executing and the result-set conversions against each engine.
+#include "db/connection.h"
+
+#include <string>
+#include <vector>
+
+#include "db/blob.h"
+#include "db_fixture.h"
+
+namespace kalvo::testing {
+namespace {
+
+using ConnectionTest = DbTest;
+
+TEST_P(ConnectionTest, MissingDsnFailsToConnectAndIsLogged) {
+  DbConnection c(db());
+  EXPECT_FALSE(DBConnect(c, "kalvo_no_such_dsn", "u", "p"));
+  EXPECT_FALSE(c.is_open());
+  const std::string log = LogText();
+  EXPECT_NE(log.find("DBConnect (Error)"), std::string::npos) << log;
+  EXPECT_EQ(log.find("DBConnect (OK)"), std::string::npos) << log;
+}
+
+TEST_P(ConnectionTest, CheckConnectionReportsSuccessAndFailure) {
+  const DatabaseSettings s = Settings();
+  EXPECT_TRUE(DBCheckConnection(db(), s.dsn, s.user, s.password));
+  EXPECT_NE(LogText().find("DBCheckConnection (OK)"), std::string::npos);
+  ClearLog();
+
+  // SQLite has no passwords, so there the failing case is a DSN that does not exist.
+  const std::string dsn = GetParam() == Engine::kSqlite ? "kalvo_no_such_dsn" : s.dsn;
+  EXPECT_FALSE(DBCheckConnection(db(), dsn, s.user, "wrong password"));
+  const std::string log = LogText();
+  EXPECT_EQ(log.find("DBCheckConnection (OK)"), std::string::npos) << log;
+  EXPECT_NE(log.find("DBCheckConnection (Error)"), std::string::npos) << log;
+  EXPECT_NE(log.find("Verbindung fehlgeschlagen"), std::string::npos) << log;
+}
+
+TEST_P(ConnectionTest, FailingStatementIsLoggedTwiceAndBecomesLastError) {
+  DbConnection c(db());
+  ASSERT_TRUE(DBConnect(c));
+  RecordSet rs;
+  rs.open = true;
+  const std::string sql = "SELECT * FROM kalvo_missing_table";
+  EXPECT_FALSE(DBExecuteSQLCommand(c, sql, rs));
+  EXPECT_FALSE(rs.open);
+  EXPECT_NE(db().last_error_description(), "");
+  const std::string log = LogText();
+  EXPECT_EQ(Occurrences(log, sql), 2) << log;
+  EXPECT_NE(log.find("DBExecuteSQLCommand (Error) {" + sql + "}"), std::string::npos) << log;
+
+  // A later success leaves the last error as it was.
+  const std::string before = db().last_error_description();
+  EXPECT_TRUE(DBExecuteSQLCommand(c, "SELECT 1", rs));
+  EXPECT_EQ(db().last_error_description(), before);
+  EXPECT_NE(LogText().find("DBExecuteSQLCommand (OK) {SELECT 1}"), std::string::npos);
+}
+
+TEST_P(ConnectionTest, StatementsWithoutRowsGiveAClosedResultSet) {
+  MustExecute({"CREATE TABLE t_text (a VARCHAR(20), b VARCHAR(20))"});
+  DbConnection c(db());
+  ASSERT_TRUE(DBConnect(c));
+  RecordSet rs;
+  ASSERT_TRUE(DBExecuteSQLCommand(c, "INSERT INTO t_text VALUES ('a', 'b')", rs));
+  EXPECT_FALSE(rs.open);
+  // An UPDATE that matches nothing is still a success.
+  ASSERT_TRUE(DBExecuteSQLCommand(c, "UPDATE t_text SET a = 'x' WHERE a = 'none'", rs));
+  ASSERT_TRUE(DBExecuteSQLCommand(c, "SELECT a FROM t_text WHERE a = 'none'", rs));
+  EXPECT_TRUE(rs.open);
+  EXPECT_TRUE(rs.Eof());
+  // Asking an empty set for its text is the error callers avoid by testing Eof first.
+  EXPECT_EQ(DBGetStringFromRecordSet(db(), rs, "|", "$", true, true), "");
+  EXPECT_NE(LogText().find("DBGetStringFromRecordSet (Error)"), std::string::npos);
+  EXPECT_TRUE(DBDisconnect(c));
+  EXPECT_NE(LogText().find("DBDisconnect (OK)"), std::string::npos);
+}
+
+TEST_P(ConnectionTest, ResultSetTextFollowsTheDelimitersAndFlags) {
+  MustExecute({"CREATE TABLE t_text (a VARCHAR(20), b VARCHAR(20))",
+               "INSERT INTO t_text VALUES ('a', 'b')", "INSERT INTO t_text VALUES ('c', 'd')"});
+  DbConnection c(db());
+  ASSERT_TRUE(DBConnect(c));
+  RecordSet rs;
+  ASSERT_TRUE(DBExecuteSQLCommand(c, "SELECT a, b FROM t_text ORDER BY a", rs));
+
+  struct Case {
+    std::string_view cd, rd;
+    bool trim, strip;
+    std::string want;
+    const char* why;
+  };
+  const Case cases[] = {
+      {"|", "$", false, true, "a|b$c|d", "strip removes the one trailing row delimiter"},
+      {"|", "$", false, false, "a|b$c|d$", "every row, the last included, ends with RD"},
+      {"\r\n", "|", true, true, "a\r\nb|c\r\nd", "token-data pairing of delimiters"},
+      {"", " ", true, false, "ab cd", "trim takes the blank that ended the last row"},
+      {"", " ", true, true, "ab cd", "after the trim there is no delimiter left to strip"},
+      {",", "", false, true, "a,bc,d", "an empty row delimiter joins the rows"},
+  };
+  for (const Case& k : cases) {
+    EXPECT_EQ(DBGetStringFromRecordSet(db(), rs, k.cd, k.rd, k.trim, k.strip), k.want) << k.why;
+  }
+  EXPECT_EQ(DBGetArrayFromRecordSet(db(), rs, "|", "$", false, true),
+            (std::vector<std::string>{"a|b", "c|d"}));
+  EXPECT_EQ(DBGetArrayFromRecordSet(db(), rs, "|", "$", false, false),
+            (std::vector<std::string>{"a|b", "c|d", ""}));
+  EXPECT_EQ(DBGetMatrixFromRecordSet(db(), rs, "|", "$", false, true),
+            (std::vector<std::vector<std::string>>{{"a", "b"}, {"c", "d"}}));
+  const std::string log = LogText();
+  EXPECT_NE(log.find("DBGetStringFromRecordSet (OK)"), std::string::npos);
+  EXPECT_NE(log.find("DBGetArrayFromRecordSet (OK)"), std::string::npos);
+  EXPECT_NE(log.find("DBGetMatrixFromRecordSet (OK)"), std::string::npos);
+}
+
+TEST_P(ConnectionTest, NullIsAnEmptyFieldAndNumbersComeAsText) {
+  MustExecute({"CREATE TABLE t_num (a VARCHAR(10), b VARCHAR(10), n INTEGER)",
+               "INSERT INTO t_num VALUES ('x', NULL, 42)",
+               "INSERT INTO t_num VALUES (NULL, 'y', -7)"});
+  EXPECT_EQ(Query("SELECT a, b, n FROM t_num ORDER BY n DESC"), "x||42$|y|-7");
+}
+
+TEST_P(ConnectionTest, Windows1252TextRoundTripsUnchanged) {
+  // Umlauts, sharp s, the euro sign and an en dash: all single bytes in Windows-1252.
+  const std::string text = "Grüße Jörg – 5 € Ä";
+  ASSERT_EQ(text.size(), 18u);
+  MustExecute({"CREATE TABLE t_text (a VARCHAR(40), b VARCHAR(40))",
+               "INSERT INTO t_text VALUES ('" + text + "', 'x')"});
+  EXPECT_EQ(Query("SELECT a FROM t_text"), text);
+  EXPECT_EQ(Query("SELECT b FROM t_text WHERE a = '" + text + "'"), "x");
+  if (GetParam() == Engine::kPostgres) {
+    // The server must see one character per byte, so the DSN's client encoding matters.
+    EXPECT_EQ(Query("SHOW client_encoding"), "WIN1252");
+    EXPECT_EQ(Query("SELECT LENGTH(a) FROM t_text"), "18");
+  }
+}
+
+TEST_P(ConnectionTest, NumberDirectlyBeforeAndIsAccepted) {
+  MustExecute({"CREATE TABLE t_num (a VARCHAR(10), b VARCHAR(10), n INTEGER)",
+               "INSERT INTO t_num VALUES ('2AND', 'k', 2)",
+               "INSERT INTO t_num VALUES ('x', 'k', 3)"});
+  // The statement text as the backup operations build it; the literal must stay as it is.
+  EXPECT_EQ(Query("SELECT a FROM t_num WHERE n = 2AND b = 'k'"), "2AND");
+  EXPECT_EQ(Query("SELECT n FROM t_num WHERE a = '2AND' AND n > 1AND b = 'k'"), "2");
+}
+
+TEST_P(ConnectionTest, SelectTopKeepsTheNewestRows) {
+  MustExecute({"CREATE TABLE t_text (a VARCHAR(20), b VARCHAR(20))",
+               "INSERT INTO t_text VALUES ('2027-01-01', '1')",
+               "INSERT INTO t_text VALUES ('2027-01-03', '3')",
+               "INSERT INTO t_text VALUES ('2027-01-02', '2')",
+               "INSERT INTO t_text VALUES ('2027-01-04', '4')",
+               "DELETE FROM t_text WHERE a NOT IN (SELECT TOP 2 a FROM t_text ORDER BY a DESC)"});
+  EXPECT_EQ(Query("SELECT b FROM t_text ORDER BY a"), "3$4");
+  EXPECT_EQ(Query("SELECT TOP 1 b FROM t_text ORDER BY a"), "3");
+}
+
+class BinaryColumnTest : public DbTest {
+ protected:
+  void SetUp() override {
+    DbTest::SetUp();
+    if (IsSkipped() || HasFailure()) return;
+    MustExecute({"CREATE TABLE t_blob (k VARCHAR(10), n INTEGER, b " + Settings().blob_type + ")",
+                 "INSERT INTO t_blob VALUES ('x', 1, '')",
+                 "INSERT INTO t_blob VALUES ('y', 2, '')"});
+  }
+};
+
+std::string AllByteValues(size_t size) {
+  std::string bytes(size, '\0');
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 7 + i / 256) & 0xFF);
+  return bytes;
+}
+
+TEST_P(BinaryColumnTest, RoundTripsByteExactly) {
+  struct Case {
+    std::string bytes;
+    const char* why;
+  };
+  const Case cases[] = {
+      {"", "empty value stays empty, not NULL"},
+      {std::string(1, '\0'), "a single NUL byte"},
+      {AllByteValues(256), "every byte value once"},
+      {AllByteValues(5 * 1024 * 1024 + 3), "five megabytes, longer than any fetch chunk"},
+  };
+  DbConnection c(db());
+  ASSERT_TRUE(DBConnect(c));
+  for (const Case& k : cases) {
+    ASSERT_TRUE(DBWriteBinaryColumn(c, "t_blob", "b", k.bytes, "k = 'x' AND n = 1")) << k.why;
+    const std::optional<std::string> back =
+        DBReadBinaryColumn(c, "SELECT k, b, n FROM t_blob WHERE k = 'x'", "b");
+    ASSERT_TRUE(back.has_value()) << k.why;
+    EXPECT_EQ(back->size(), k.bytes.size()) << k.why;
+    EXPECT_TRUE(*back == k.bytes) << k.why;
+    // The other row is untouched.
+    EXPECT_EQ(DBReadBinaryColumn(c, "SELECT b FROM t_blob WHERE k = 'y'", "b"), "") << k.why;
+  }
+  // The column after the binary one is still read correctly.
+  RecordSet rs;
+  ASSERT_TRUE(DBExecuteSQLCommand(c, "SELECT k, b, n FROM t_blob WHERE k = 'x'", rs));
+  EXPECT_EQ(rs.Field(0, "n"), "1");
+}
+
+TEST_P(BinaryColumnTest, WriteIsLoggedAndConditionsUseTheDialect) {
+  DbConnection c(db());
+  ASSERT_TRUE(DBConnect(c));
+  EXPECT_TRUE(DBWriteBinaryColumn(c, "t_blob", "b", "abc", "n = 2AND k = 'y'"));
+  EXPECT_EQ(DBReadBinaryColumn(c, "SELECT b FROM t_blob WHERE k = 'y'", "b"), "abc");
+  EXPECT_NE(
+      LogText().find("DBExecuteSQLCommand (OK) {UPDATE t_blob SET b = ? WHERE n = 2AND k = 'y'}"),
+      std::string::npos);
+  // No matching row: nothing written, still a success.
+  EXPECT_TRUE(DBWriteBinaryColumn(c, "t_blob", "b", "zzz", "k = 'none'"));
+  EXPECT_FALSE(DBWriteBinaryColumn(c, "t_missing", "b", "zzz", "k = 'x'"));
+  EXPECT_EQ(DBReadBinaryColumn(c, "SELECT b FROM t_blob WHERE k = 'none'", "b"), std::nullopt);
+}
+
+TEST(OdbcPooling, TestConfigurationTurnsPoolingOn) {
+  SharedDatabases::Get();
+  EXPECT_TRUE(OdbcPoolingEnabled());
+  EXPECT_EQ(OdbcDriverPoolTimeout("SQLite3"), "120");
+}
+
+KALVO_INSTANTIATE_ENGINES(ConnectionTest);
+KALVO_INSTANTIATE_ENGINES(BinaryColumnTest);
+
+}  // namespace
+}  // namespace kalvo::testing

@@ -1,0 +1,213 @@
+// Test and benchmark support: a private ODBC configuration (odbcinst.ini and odbc.ini in a
+// temporary directory, pointed at by ODBCSYSINI and ODBCINI) and a throw-away PostgreSQL
+// cluster on a free loopback port. Nothing is written into the machine's ODBC setup.
+// Header-only so that the benchmarks can use it too.
+#pragma once
+
+#include <netinet/in.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace kalvo::testing {
+
+inline constexpr const char* kSqliteDsn = "kalvo_test_sqlite";
+inline constexpr const char* kPostgresDsn = "kalvo_test_pg";
+inline constexpr const char* kPgUser = "kalvo";
+inline constexpr const char* kPgPassword = "Kalvo-Test-1";
+inline constexpr const char* kPgBin = "/usr/lib/postgresql/15/bin";
+
+// A directory that is removed with everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "kalvo-db-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// The value of `key` in section `section` of an INI file, "" when absent.
+inline std::string IniValue(const std::filesystem::path& file, const std::string& section,
+                            const std::string& key) {
+  std::ifstream in(file);
+  std::string line, current;
+  while (std::getline(in, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.size() > 1 && line.front() == '[') {
+      current = line.substr(1, line.find(']') - 1);
+      continue;
+    }
+    const size_t eq = line.find('=');
+    if (current != section || eq == std::string::npos) continue;
+    std::string k = line.substr(0, eq), v = line.substr(eq + 1);
+    while (!k.empty() && k.back() == ' ') k.pop_back();
+    while (!v.empty() && v.front() == ' ') v.erase(0, 1);
+    if (k == key) return v;
+  }
+  return "";
+}
+
+// The driver library of `driver` as the machine's odbcinst.ini names it, made absolute so
+// that a copy of the entry works from another directory.
+inline std::string DriverLibrary(const std::string& driver) {
+  std::string lib = IniValue("/etc/odbcinst.ini", driver, "Driver");
+  if (lib.empty() || lib.front() == '/') return lib;
+  for (const char* dir : {"/usr/lib/x86_64-linux-gnu/odbc/", "/usr/lib/x86_64-linux-gnu/",
+                          "/usr/lib/aarch64-linux-gnu/odbc/", "/usr/lib/odbc/", "/usr/lib/"}) {
+    if (std::filesystem::exists(std::string(dir) + lib)) return dir + lib;
+  }
+  return lib;
+}
+
+// A free TCP port on 127.0.0.1 (free when asked; good enough for a test cluster).
+inline int FreeLoopbackPort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = 0;
+  socklen_t len = sizeof addr;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
+    port = ntohs(addr.sin_port);
+  }
+  ::close(fd);
+  return port;
+}
+
+// A PostgreSQL cluster in `dir`/pg, WIN1252, password authentication, listening on
+// 127.0.0.1:port() with its socket in `dir`. As root the server runs as "nobody" (it
+// refuses to run as root). Stopped on destruction.
+class PgCluster {
+ public:
+  explicit PgCluster(std::filesystem::path dir) : dir_(std::move(dir)) {}
+  ~PgCluster() { Stop(); }
+  PgCluster(const PgCluster&) = delete;
+  PgCluster& operator=(const PgCluster&) = delete;
+
+  // Initialises and starts the cluster; false (with `error()` telling why) on failure.
+  bool Start() {
+    if (!std::filesystem::exists(std::string(kPgBin) + "/initdb")) {
+      error_ = std::string("no PostgreSQL server binaries in ") + kPgBin;
+      return false;
+    }
+    const std::filesystem::path data = dir_ / "pg";
+    {
+      std::ofstream pw(dir_ / "pgpass");
+      pw << kPgPassword << "\n";
+    }
+    std::string run_as;
+    if (::geteuid() == 0) {
+      const passwd* nobody = ::getpwnam("nobody");
+      if (nobody == nullptr) {
+        error_ = "running as root and no user 'nobody' to run PostgreSQL";
+        return false;
+      }
+      std::error_code ec;
+      std::filesystem::permissions(dir_, std::filesystem::perms::owner_all, ec);
+      if (::chown(dir_.c_str(), nobody->pw_uid, nobody->pw_gid) != 0 ||
+          ::chown((dir_ / "pgpass").c_str(), nobody->pw_uid, nobody->pw_gid) != 0) {
+        error_ = "cannot hand the cluster directory to 'nobody'";
+        return false;
+      }
+      run_as = "runuser -u nobody -- ";
+    }
+    port_ = FreeLoopbackPort();
+    const std::string log = (dir_ / "pg.log").string();
+    std::string cmd = run_as + kPgBin + "/initdb -D '" + data.string() + "' -U " + kPgUser +
+                      " --pwfile='" + (dir_ / "pgpass").string() +
+                      "' -A scram-sha-256 -E WIN1252 --locale=C --no-sync >'" + log + "' 2>&1";
+    if (std::system(cmd.c_str()) != 0) {
+      error_ = "initdb failed, see " + log;
+      return false;
+    }
+    cmd = run_as + kPgBin + "/pg_ctl -D '" + data.string() + "' -l '" +
+          (dir_ / "server.log").string() + "' -w -t 60 -o \"-p " + std::to_string(port_) + " -k '" +
+          dir_.string() +
+          "' -c listen_addresses=127.0.0.1 -c fsync=off -c synchronous_commit=off"
+          " -c full_page_writes=off\" start >>'" +
+          log + "' 2>&1";
+    if (std::system(cmd.c_str()) != 0) {
+      error_ = "pg_ctl start failed, see " + log + " and server.log";
+      return false;
+    }
+    run_as_ = run_as;
+    started_ = true;
+    return true;
+  }
+
+  void Stop() {
+    if (!started_) return;
+    const std::string cmd = run_as_ + kPgBin + "/pg_ctl -D '" + (dir_ / "pg").string() +
+                            "' -m immediate -w stop >/dev/null 2>&1";
+    if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "pg_ctl stop failed\n");
+    started_ = false;
+  }
+
+  int port() const { return port_; }
+  const std::string& error() const { return error_; }
+
+ private:
+  std::filesystem::path dir_;
+  std::string run_as_;
+  std::string error_;
+  int port_ = 0;
+  bool started_ = false;
+};
+
+// Writes odbcinst.ini (SQLite3 and PostgreSQL ANSI, each with CPTimeout; [ODBC] Pooling as
+// asked) and odbc.ini (the SQLite DSN on `sqlite_file`, the PostgreSQL DSN on `pg_port` when
+// it is not 0) into `dir`, and points ODBCSYSINI and ODBCINI at them. Must run before the
+// process's ODBC environment is created.
+inline void WriteOdbcConfig(const std::filesystem::path& dir, bool pooling,
+                            const std::filesystem::path& sqlite_file, int pg_port) {
+  {
+    std::ofstream inst(dir / "odbcinst.ini");
+    inst << "[ODBC]\nPooling = " << (pooling ? "Yes" : "No") << "\n\n"
+         << "[SQLite3]\nDescription = SQLite3 ODBC Driver\nDriver = " << DriverLibrary("SQLite3")
+         << "\nCPTimeout = 120\nThreading = 2\n\n"
+         << "[PostgreSQL ANSI]\nDescription = PostgreSQL ODBC driver (ANSI version)\nDriver = "
+         << DriverLibrary("PostgreSQL ANSI") << "\nCPTimeout = 120\n";
+  }
+  {
+    std::ofstream ini(dir / "odbc.ini");
+    ini << "[" << kSqliteDsn << "]\nDriver = SQLite3\nDatabase = " << sqlite_file.string()
+        << "\nTimeout = 5000\n\n";
+    if (pg_port != 0) {
+      ini << "[" << kPostgresDsn
+          << "]\nDriver = PostgreSQL ANSI\nServername = 127.0.0.1\nPort = " << pg_port
+          << "\nDatabase = postgres\nConnSettings = SET client_encoding TO 'WIN1252'\n"
+             "ByteaAsLongVarBinary = 1\nSSLmode = disable\n";
+    }
+  }
+  ::setenv("ODBCSYSINI", dir.c_str(), 1);
+  ::setenv("ODBCINI", (dir / "odbc.ini").c_str(), 1);
+}
+
+// True when the environment says this is a CI run, where a test database that cannot be
+// started is a failure rather than a reason to skip.
+inline bool RunningInCi() {
+  const char* ci = std::getenv("CI");
+  return ci != nullptr && std::string(ci) == "true";
+}
+
+}  // namespace kalvo::testing
