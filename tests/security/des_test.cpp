@@ -59,13 +59,6 @@ TEST(Des, KnownAnswersHoldForEightByteTexts) {
   }
 }
 
-TEST(Des, ParityBitsOfTheKeyAreIgnored) {
-  clsDES des;
-  const std::string plain = FromHex("0123456789ABCDEF");
-  EXPECT_EQ(des.EncryptString(plain, FromHex("133457799BBCDFF1")),
-            des.EncryptString(plain, FromHex("123456789ABCDEF0")));
-}
-
 TEST(Des, ShortKeyIsFilledWithZeroBitsAndLongKeyIsCut) {
   clsDES des;
   const std::string plain = "Muster 7";
@@ -180,22 +173,6 @@ TEST(Des, DecryptByteRejectsFramesThatAreNotWholeBlocks) {
     EXPECT_THROW(des.DecryptByte(data, "k"), RuntimeError) << n;
     EXPECT_EQ(data.size(), n);
   }
-}
-
-TEST(Des, DecryptByteUnderAWrongKeyFailsCleanly) {
-  clsDES des;
-  int failures = 0;
-  for (int i = 0; i < 20; ++i) {
-    std::vector<uint8_t> data = {'s', 'e', 'c', 'r', 'e', 't'};
-    des.EncryptByte(data, "right k");
-    try {
-      des.DecryptByte(data, "wrong k");
-    } catch (const RuntimeError&) {
-      ++failures;
-    }
-  }
-  // A wrong key passes the size check only by chance (about 8 in 2^32).
-  EXPECT_EQ(failures, 20);
 }
 
 }  // namespace
