@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 
 #include "infra/cdebug.h"
 #include "infra/registry.h"
@@ -80,15 +81,20 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
 
       line = LogTimestamp() + " - " + line;
       const std::string bytes = Cp1252ToUtf8(line) + "\r\n";
+      const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
+      auto fd = std::make_unique<FileDescriptor>(::open(path_.c_str(), flags, 0644));
       struct stat st {};
-      int64_t position = ::stat(path_.c_str(), &st) == 0 ? st.st_size + 1 : 1;
-      if (static_cast<int64_t>(bytes.size() - 2) + position > limit && position > 1) {
+      if (fd->get() < 0 || ::fstat(fd->get(), &st) != 0) return;
+      // The write position is the file's length + 1 (1 for a new, empty file).
+      const int64_t position = static_cast<int64_t>(st.st_size) + 1;
+      if (static_cast<int64_t>(bytes.size() - 2) + position > limit && st.st_size > 0) {
         // The backup is always the last full generation.
+        fd.reset();
         ::unlink(backup_path_.c_str());
         if (::rename(path_.c_str(), backup_path_.c_str()) != 0) return;
+        fd = std::make_unique<FileDescriptor>(::open(path_.c_str(), flags, 0644));
       }
-      FileDescriptor fd(::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
-      if (fd.get() < 0 || !WriteAll(fd.get(), bytes)) return;
+      if (fd->get() < 0 || !WriteAll(fd->get(), bytes)) return;
     }
     if (trace && trace_ != nullptr) trace_->Write(line, true);
   } catch (...) {
