@@ -63,9 +63,9 @@ std::string RegCanonicalKeyPath(std::string_view path) {
   while (path.ends_with('\\')) path.remove_suffix(1);
   if (path.empty() || path.find("\\\\") != std::string_view::npos) return "";
   const size_t cut = path.find('\\');
-  const std::string folded_hive = RegFoldName(path.substr(0, cut));
+  const std::string_view hive_name = path.substr(0, cut);
   for (const HiveName& hive : kHives) {
-    if (folded_hive == hive.full || folded_hive == hive.abbreviation) {
+    if (NamesEqual(hive_name, hive.full) || NamesEqual(hive_name, hive.abbreviation)) {
       std::string out(hive.full);
       if (cut != std::string_view::npos) out += path.substr(cut);
       return out;
@@ -84,31 +84,51 @@ size_t RegDocument::FindSection(std::string_view canonical) const {
   return it == index_.end() ? kImplied : it->second;
 }
 
-bool RegDocument::KeyExists(std::string_view path) const {
-  const std::string canonical = RegCanonicalKeyPath(path);
-  if (canonical.empty()) return false;
-  if (canonical.find('\\') == std::string::npos) return true;  // a hive
-  return index_.contains(RegFoldName(canonical));
+namespace {
+
+// Canonical and folded in one go: the form the index is keyed by.
+std::string FoldedKeyPath(std::string_view path) {
+  std::string canonical = RegCanonicalKeyPath(path);
+  for (char& c : canonical) c = FoldChar(c);
+  return canonical;
 }
 
+}  // namespace
+
+const std::vector<RegValue>* RegDocument::FindKey(std::string_view path) const {
+  const std::string folded = FoldedKeyPath(path);
+  if (folded.empty()) return nullptr;
+  if (folded.find('\\') == std::string::npos) return &NoValues();  // a hive
+  const auto it = index_.find(folded);
+  if (it == index_.end()) return nullptr;
+  return it->second == kImplied ? &NoValues() : &keys_[it->second].values;
+}
+
+bool RegDocument::KeyExists(std::string_view path) const { return FindKey(path) != nullptr; }
+
 bool RegDocument::HasSubKeys(std::string_view path) const {
-  const std::string canonical = RegCanonicalKeyPath(path);
-  if (canonical.empty()) return false;
-  const std::string prefix = RegFoldName(canonical) + '\\';
+  const std::string folded = FoldedKeyPath(path);
+  if (folded.empty()) return false;
+  const std::string prefix = folded + '\\';
   return std::any_of(index_.begin(), index_.end(),
                      [&](const auto& entry) { return entry.first.starts_with(prefix); });
 }
 
-const RegValue* RegDocument::FindValue(std::string_view path, std::string_view name) const {
-  for (const RegValue& value : Values(path)) {
+const RegValue* RegDocument::FindIn(const std::vector<RegValue>& values, std::string_view name) {
+  for (const RegValue& value : values) {
     if (NamesEqual(value.name, name)) return &value;
   }
   return nullptr;
 }
 
+const RegValue* RegDocument::FindValue(std::string_view path, std::string_view name) const {
+  const std::vector<RegValue>* values = FindKey(path);
+  return values == nullptr ? nullptr : FindIn(*values, name);
+}
+
 const std::vector<RegValue>& RegDocument::Values(std::string_view path) const {
-  const size_t i = FindSection(RegCanonicalKeyPath(path));
-  return i == kImplied ? NoValues() : keys_[i].values;
+  const std::vector<RegValue>* values = FindKey(path);
+  return values == nullptr ? NoValues() : *values;
 }
 
 bool RegDocument::CreateKey(std::string_view path) {

@@ -64,8 +64,13 @@ class RegDocument {
   bool KeyExists(std::string_view path) const;
   // True when some existing key lies below `path`.
   bool HasSubKeys(std::string_view path) const;
+  // The values of the key, or null when it is missing (an existing key without a section
+  // of its own has an empty list). Valid until the next change.
+  const std::vector<RegValue>* FindKey(std::string_view path) const;
   // The value, or null when the key or the value is missing. Valid until the next change.
   const RegValue* FindValue(std::string_view path, std::string_view name) const;
+  // The value of that name in `values`, or null.
+  static const RegValue* FindIn(const std::vector<RegValue>& values, std::string_view name);
   // The values of an existing key in order; empty for a missing key.
   const std::vector<RegValue>& Values(std::string_view path) const;
   // Keys with their own section, in file order.

@@ -77,15 +77,17 @@ RegistryValue RegistryRead(RegistryStore& store, std::string_view root, std::str
                            const RegistryValue& def) {
   try {
     const std::string key_path = SplitKeyPath(root, key);
-    const auto doc = store.Snapshot();
-    if (!doc->KeyExists(key_path)) return def;
     const std::string sub_path = SubKeyPath(key_path, sub_key);
-    if (!doc->KeyExists(sub_path)) {
-      // Deliberate: a missing sub key is also "deleted"; the store treats that as a no-op.
-      store.DeleteKey(sub_path);
+    const auto doc = store.Snapshot();
+    // An existing sub key implies its key: one lookup on the usual path.
+    const std::vector<RegValue>* values = doc->FindKey(sub_path);
+    if (values == nullptr) {
+      // Deliberate: when the key opens but the sub key does not, the sub key is also
+      // "deleted"; on a missing key the store does nothing.
+      if (doc->KeyExists(key_path)) store.DeleteKey(sub_path);
       return def;
     }
-    const RegValue* value = doc->FindValue(sub_path, value_name);
+    const RegValue* value = RegDocument::FindIn(*values, value_name);
     if (value == nullptr) return def;
     switch (value->type) {
       case kRegSz:

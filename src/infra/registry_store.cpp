@@ -166,6 +166,14 @@ std::shared_ptr<const RegDocument> RegistryStore::Snapshot() {
   std::shared_ptr<const RegDocument> result;
   {
     std::lock_guard guard(mutex_);
+    timespec clock{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &clock);
+    const int64_t now_ns = Nanos(clock);
+    if (checked_ && !force_check_ && now_ns - last_check_ns_ < check_interval_.count()) {
+      return doc_;
+    }
+    last_check_ns_ = now_ns;
+    force_check_ = false;
     struct stat st {};
     FileStamp now;
     if (::stat(path_.c_str(), &st) == 0) {
@@ -180,6 +188,16 @@ std::shared_ptr<const RegDocument> RegistryStore::Snapshot() {
   }
   Emit(warnings);
   return result;
+}
+
+void RegistryStore::SetCheckInterval(std::chrono::nanoseconds interval) {
+  std::lock_guard guard(mutex_);
+  check_interval_ = interval;
+}
+
+void RegistryStore::Invalidate() {
+  std::lock_guard guard(mutex_);
+  force_check_ = true;
 }
 
 bool RegistryStore::KeyExists(std::string_view key_path) { return Snapshot()->KeyExists(key_path); }

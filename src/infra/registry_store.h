@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <functional>
@@ -43,10 +44,20 @@ class RegistryStore {
   // between threads.
   void SetWarningSink(WarningSink sink) { warn_ = std::move(sink); }
 
-  // The current content: one stat() of the file, and a re-read only when its identity,
-  // size or times changed (or changed too recently to be told apart by the times). Never
-  // null; the document stays valid and unchanged for as long as the caller holds it.
+  // The current content. The file is looked at (one stat()) at most once per check
+  // interval, and re-read only when its identity, size or times changed (or changed too
+  // recently to be told apart by its times). Changes made through this object are seen at
+  // once; changes by other processes within the check interval. Never null; the document
+  // stays valid and unchanged for as long as the caller holds it.
   std::shared_ptr<const RegDocument> Snapshot();
+
+  // How often Snapshot() looks at the file. The default, 1 ms measured on the coarse clock
+  // (in effect once per kernel tick, a few ms), keeps a read far below the cost of a stat()
+  // on slow systems; zero looks at every call.
+  void SetCheckInterval(std::chrono::nanoseconds interval);
+  // Makes the next Snapshot() look at the file whatever the interval (for "settings
+  // changed" notifications).
+  void Invalidate();
 
   // Whether the key exists (a hive always does).
   bool KeyExists(std::string_view key_path);
@@ -97,7 +108,10 @@ class RegistryStore {
   std::shared_ptr<const RegDocument> doc_;
   FileStamp stamp_;
   bool checked_ = false;  // a stamp has been taken at least once
-  bool racy_ = false;     // the file changed so recently that its times cannot be trusted
+  std::chrono::nanoseconds check_interval_ = std::chrono::milliseconds(1);
+  int64_t last_check_ns_ = 0;  // coarse monotonic time of the last stat()
+  bool force_check_ = false;   // Invalidate() was called
+  bool racy_ = false;          // the file changed so recently that its times cannot be trusted
   FileStamp warned_stamp_;
 };
 
