@@ -206,7 +206,7 @@ DateRecord MakeDateRecord(std::string_view date_text) {
 
 std::optional<long long> DateFieldNumber(std::string_view field) {
   field = TrimBlanks(field);
-  if (!field.empty() && field.front() == '+') field.remove_prefix(1);
+  if (field.size() > 1 && field[0] == '+' && field[1] != '-') field.remove_prefix(1);
   long long value = 0;
   const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), value);
   if (field.empty() || error != std::errc() || end != field.data() + field.size()) {

@@ -98,7 +98,7 @@ TEST(DiffDateRecord, FieldWiseNumbersAndEmptyForNonNumbers) {
                            SplitTimestamp("2027-03-01", "-")),
             Record("0", "0", "0", "", "", ""))
       << "empty fields are number failures";
-  EXPECT_EQ(DiffDateRecord(Record("2027", "x", " 5 ", "+1", "99999999999999999999", "1.5"),
+  EXPECT_EQ(DiffDateRecord(Record("2027", "x", " 5 ", "+1", "99999999999999999999", "+-1"),
                            Record("2027", "1", "2", "1", "1", "1")),
             Record("0", "", "3", "0", "", ""));
 }
