@@ -62,9 +62,11 @@ int32_t SocketReadPackageSize(std::string_view text);
 // Resets the record: numbers 0, texts empty (DataSize = length of the empty Data).
 void SocketClearStruct(SocketDataStruct& record);
 
-// True when `chunk` on its own decodes (as SocketStringToStruct would, with the same log
-// lines) to PackageID 501. The caller stores the answer in its AdminLoginFlag. Cheap: Data
-// is located, never copied, so it costs the header plus the leading "x" characters.
+// True when `chunk` on its own decodes (as SocketStringToStruct would) to PackageID 501. The
+// caller stores the answer in its AdminLoginFlag. A keep-alive chunk logs "KeepAlive
+// received"; a chunk that does not decode (typically the middle of a long packet) is simply
+// false, without an error line. Cheap: Data is located, never copied, so it costs the header
+// plus the leading "x" characters.
 bool CheckAdminLoginPackage(Log& log, std::string_view chunk);
 
 // The conversion of a numeric packet field to a 32-bit integer, as the original

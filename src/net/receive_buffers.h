@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+
+#include "infra/settings.h"  // kDefaultMaxPackageSize
 #include <unordered_map>
 
 #include "net/packet.h"
@@ -15,9 +17,6 @@
 namespace kalvo {
 
 class Log;
-
-// The default bound of one packet and of a connection's pending bytes: 64 MiB.
-inline constexpr int32_t kDefaultMaxPackageSize = 64 * 1024 * 1024;
 
 // The keyed collection ReceiveBuffers: one pending text per connection under the key
 // "<index>Socket"; no entry means an empty buffer. Consumed packets are skipped by an offset
