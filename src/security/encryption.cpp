@@ -6,6 +6,7 @@
 #include <random>
 #include <utility>
 
+#include "infra/strings.h"
 #include "infra/version.h"
 #include "security/cfb8.h"
 #include "security/des.h"
@@ -180,12 +181,7 @@ uint32_t Crc32Text(std::string_view text) {
   return ~crc;
 }
 
-std::string HexEncodeText(std::string_view text) {
-  std::string out;
-  out.reserve(text.size() * 2);
-  for (const char c : text) out += HexDigits(static_cast<uint8_t>(c), 2);
-  return out;
-}
+std::string HexEncodeText(std::string_view text) { return TextToHex(text); }
 
 std::string HexDecodeText(std::string_view text) {
   if (!std::all_of(text.begin(), text.end(), [](char c) { return HexValue(c) >= 0; })) return "";

@@ -62,7 +62,7 @@ uint32_t Crc16Text(std::string_view text);
 // 0xFFFFFFFF) over the bytes of `text`; "123456789" gives 0xCBF43926.
 uint32_t Crc32Text(std::string_view text);
 
-// Each byte as two upper-case hexadecimal digits.
+// Each byte as two upper-case hexadecimal digits (the same as TextToHex of infra/strings.h).
 std::string HexEncodeText(std::string_view text);
 
 // A text made only of hexadecimal digits (either case) is read in pairs, each pair giving
