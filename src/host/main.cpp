@@ -1,18 +1,69 @@
 // kalvosrv: the token server.
-#include <cstdio>
-#include <cstring>
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <iostream>
 
+#include "host/config_check.h"
+#include "host/service_host.h"
+#include "infra/language.h"
 #include "infra/text_encoding.h"
 #include "infra/version.h"
 
+namespace {
+
+constexpr const char* kDefaultRegistry = "/etc/opt/zentara/registry.reg";
+
+std::string DefaultRegistryPath() {
+  const char* env = std::getenv("KALVOSRV_REGISTRY");
+  return env != nullptr && *env != '\0' ? env : kDefaultRegistry;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--version") == 0) {
-      std::printf("kalvosrv %s\n%s\n", kalvo::GetVersionText("FileVersion").c_str(),
-                  kalvo::Cp1252ToUtf8(kalvo::GetVersionText("LegalCopyright")).c_str());
-      return 0;
-    }
+  CLI::App app{
+      "kalvosrv - the token server: serves the token clients and administration consoles on "
+      "TCP (setting ServerLocalPort, default 15243) and its figures on "
+      "http://127.0.0.1:<StatusPort>/status (default 15244).\n"
+      "Runs as the systemd service kalvosrv.service; started by hand it needs --foreground.",
+      "kalvosrv"};
+  kalvo::ServerOptions options;
+  options.registry_path = DefaultRegistryPath();
+  bool foreground = false, check_config = false, encrypt = false, decrypt = false,
+       version = false;
+  app.add_option("--registry", options.registry_path,
+                 "registry file (.reg); default $KALVOSRV_REGISTRY or " +
+                     std::string(kDefaultRegistry));
+  app.add_option("--log-file", options.log_path,
+                 "log file; default <program name>.log in the parent of the program directory");
+  app.add_option("--listen-address", options.listen_address,
+                 "IPv4 address the server port binds to")
+      ->capture_default_str();
+  app.add_flag("--foreground", foreground,
+               "run in the foreground as if started by the service manager");
+  app.add_flag("--check-config", check_config,
+               "read and check the settings, print them (password masked) and exit 0 when "
+               "every check passes, 1 otherwise");
+  app.add_flag("--encrypt", encrypt,
+               "read one line from standard input and print its cipher text for the "
+               "LoginUser/LoginPass registry values");
+  app.add_flag("--decrypt", decrypt, "read one cipher text from standard input, print the text");
+  app.add_flag("--version", version, "print the version and exit");
+  CLI11_PARSE(app, argc, argv);
+
+  if (version) {
+    std::cout << "kalvosrv " << kalvo::GetVersionText("FileVersion") << "\n"
+              << kalvo::Cp1252ToUtf8(kalvo::GetVersionText("LegalCopyright")) << "\n";
+    return 0;
   }
-  std::fprintf(stderr, "usage: kalvosrv --version\n");
-  return 2;
+  if (encrypt) return kalvo::EncryptCredential(std::cin, std::cout);
+  if (decrypt) return kalvo::DecryptCredential(std::cin, std::cout);
+
+  options.program = kalvo::CurrentProgram();
+  options.language_id = kalvo::LanguageIdFromLocale();
+  if (check_config) return kalvo::CheckConfig(options, std::cout);
+  // Started by systemd (which sets INVOCATION_ID) or explicitly in the foreground.
+  const char* invocation = std::getenv("INVOCATION_ID");
+  options.started_as_service = foreground || (invocation != nullptr && *invocation != '\0');
+  return kalvo::RunService(options);
 }

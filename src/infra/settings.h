@@ -16,6 +16,7 @@ inline constexpr std::string_view kSettingsRoot = "HKEY_LOCAL_MACHINE:Software";
 inline constexpr std::string_view kSettingsKey = "Orvanta\\Zentara";
 inline constexpr int32_t kDefaultServerPort = 15243;
 inline constexpr int32_t kDefaultStatusPort = 15244;
+// The default bound of one packet and of a connection's pending bytes: 64 MiB.
 inline constexpr int32_t kDefaultMaxPackageSize = 64 * 1024 * 1024;
 
 // Every setting, with the default used when its value is missing.

@@ -1,0 +1,303 @@
+#include "host/server.h"
+
+#include <ctime>
+
+#include "infra/runtime_error.h"
+#include "infra/text_encoding.h"
+#include "net/socket_send.h"
+#include "security/encryption.h"
+
+namespace kalvo {
+
+Server::Server(boost::asio::io_context& io, ServerOptions options)
+    : io_(io),
+      options_(std::move(options)),
+      registry_(options_.registry_path),
+      log_(registry_,
+           options_.log_path.empty() ? Log::LogPathFor(options_.program) : options_.log_path),
+      language_(options_.program, options_.language_id),
+      receive_buffers_(log_),
+      connections_(io, *this),
+      dispatcher_(RequestContext{state_, connections_, log_, settings_, audit_}),
+      status_(io, log_, [this] { return Snapshot(); }) {
+  registry_.SetWarningSink([this](const std::string& line) { log_.WriteLog(line); });
+  log_.WriteLog("Form_Initialize...");
+}
+
+Server::~Server() { log_.SetTrace(nullptr); }
+
+void Server::FormLoad() {
+  try {
+    log_.WriteLog("Form_Load startet");
+    if (!language_.LanguageFileExists()) {
+      // No language file: the message cannot come from one.
+      std::fprintf(stderr, "Vaultara: %s\n",
+                   "This component of the Vaultara is not proper installed and will now end.");
+      log_.WriteLog("Language file was not found -> loading will be stopped");
+      stop_loading_ = true;
+    } else if (!options_.started_as_service) {
+      const std::string text = language_.GetLanguageString("MSGBOX_SERVER",
+                                                           "ERROR_NO_SERVICE_START");
+      const std::string title = language_.GetLanguageString("MAINWIN_SERVER", "TITLE");
+      std::fprintf(stderr, "%s: %s\n", Cp1252ToUtf8(title).c_str(),
+                   Cp1252ToUtf8(text).c_str());
+      log_.WriteLog("Not starting as service -> loading will be stopped");
+      stop_loading_ = true;
+    } else {
+      stop_loading_ = false;
+      log_.WriteLog("Starting as service and language file was found -> loading will be "
+                    "continued");
+    }
+    if (stop_loading_) return;
+
+    form_unload_mode_ = 0;
+    DoStartupSettings();
+    log_.WriteLog("DoStartupSettings completed");
+    receive_buffers_.set_max_package_size(settings_.max_package_size);
+    registry_settings_ok_ = CheckRegistrySettings(settings_, log_);
+    log_.WriteLog(std::string("Checking registry settings resulted ") +
+                  (registry_settings_ok_ ? "True" : "False"));
+
+    std::string fallback;
+    const int32_t port = ChooseServerPort(settings_, &fallback);
+    if (!fallback.empty()) log_.WriteLog(fallback);
+    server_local_port_ = port;
+    std::string error;
+    if (!connections_.Listen(static_cast<uint16_t>(port), &error, options_.listen_address)) {
+      throw RuntimeError(10048, "Address in use or not available: port " +
+                                    std::to_string(port) + " (" + error + ")");
+    }
+    log_.WriteLog("Now listening on port " + std::to_string(connections_.LocalPort()));
+
+    bytes_sent_ = 0;
+    bytes_received_ = 0;
+    server_start_time_ = LogTimestamp();
+    start_time_unix_ = static_cast<int64_t>(std::time(nullptr));
+    if (settings_.status_port > 0 && settings_.status_port <= 65535) {
+      status_.Start(static_cast<uint16_t>(settings_.status_port));
+    }
+    log_.WriteLog("Form_Load complete");
+  } catch (...) {
+    LogCurrentException(log_, "Form_Load");
+    // Without a listening port the service has nothing to offer: end it, so that the
+    // service manager sees the failure instead of an idle process.
+    std::fprintf(stderr, "kalvosrv: loading failed, see the log file %s\n",
+                 log_.path().c_str());
+    stop_loading_ = true;
+  }
+}
+
+void Server::DoStartupSettings() {
+  try {
+    const std::string key = VersionInfoKeyText();
+    ReadSettings(registry_, [&key](std::string_view cipher) { return DecryptText(cipher, key); },
+                 settings_);
+    state_.admin_login_flag = false;
+    title_ = language_.GetLanguageString("MAINWIN_SERVER", "TITLE");
+    menu_status_ = language_.GetLanguageString("MENU_SERVER", "STATUS");
+    menu_info_ = language_.GetLanguageString("MENU_SERVER", "INFO");
+    menu_help_ = language_.GetLanguageString("MENU_SERVER", "HELP");
+    tray_request_ = kTrayDelete;
+    tray_request_done_ = kTrayDelete;
+    tray_icon_ready_ = false;
+    trace_ = std::make_unique<CDebug>(options_.program.dir);
+    trace_->SetProgTitle("Vaultara - Administration");
+    trace_->SetProgName("KalvoAdm");
+    trace_->SetMaxFileSize(1024);
+    trace_->SetToDebugger(true);
+    trace_->SetToFile(false);
+    trace_->SetToEventLog(false);
+    log_.SetTrace(trace_.get());
+  } catch (...) {
+    // A setting that cannot be converted ends the reading here, silently; what was read so
+    // far stays and the rest keep their defaults.
+  }
+}
+
+bool Server::ServiceStart() {
+  log_.WriteLog("Service_Start started");
+  const bool success = !stop_loading_;
+  if (success) service_running_ = true;
+  // The closing line is the same whether or not the start succeeded.
+  log_.WriteLog("Service_Start complete (Success = TRUE)");
+  return success;
+}
+
+void Server::ServiceStop() {
+  log_.WriteLog("Service_Stop started -> calling <unload me>");
+  FormQueryUnload(kUnloadFromCode);
+  if (!FormUnload()) unloaded_ = true;
+  log_.WriteLog("Service_Stop complete");
+}
+
+bool Server::ServicePause() {
+  log_.WriteLog("Service_Pause started");
+  service_running_ = false;
+  log_.WriteLog("Service_Pause complete (Success = TRUE)");
+  return true;
+}
+
+bool Server::ServiceContinue() {
+  log_.WriteLog("Service_Continue started");
+  service_running_ = true;
+  log_.WriteLog("Service_Continue complete (Success = TRUE)");
+  return true;
+}
+
+void Server::ServiceControl(int service_event) {
+  log_.WriteLog("Service_Control (ServiceEvent = " + std::to_string(service_event) + ")");
+}
+
+void Server::FormQueryUnload(int unload_mode) {
+  form_unload_mode_ = unload_mode;
+  log_.WriteLog("Form_QueryUnload: FormUnloadMode = " + std::to_string(unload_mode));
+}
+
+bool Server::FormUnload() {
+  bool cancel = false;
+  try {
+    log_.WriteLog("Form_Unload startet");
+    if (stop_loading_) {
+      log_.WriteLog(
+          "Program will be terminated because another instance is running or the language file "
+          "was not found or the program was started with parameters.");
+    } else if (form_unload_mode_ != kUnloadSessionEnd) {
+      log_.WriteLog(
+          "Program should be terminated -> Clearing all timer, removing tray icon and "
+          "destroying objects");
+      tray_request_ = kTrayDelete;
+      tray_request_done_ = kTrayDelete;
+      status_.Stop();
+      connections_.CloseAll();
+    } else {
+      log_.WriteLog("The user is logging out -> aborting unload");
+      tray_request_ = kTrayDelete;
+      tray_request_done_ = kTrayDelete;
+      cancel = true;
+    }
+    log_.WriteLog("Form_Unload complete");
+  } catch (...) {
+    LogCurrentException(log_, "Form_Unload");
+  }
+  return cancel;
+}
+
+void Server::FormTerminate() {
+  log_.WriteLog("Form_Terminate started -> destroying all objects");
+  log_.SetTrace(nullptr);
+  trace_.reset();
+  log_.WriteLog("Form_Terminate complete");
+}
+
+StatusSnapshot Server::Snapshot() const {
+  StatusSnapshot s;
+  s.listening = connections_.IsListening();
+  s.paused = !service_running_;
+  s.port = connections_.LocalPort();
+  s.server_start_time = server_start_time_;
+  s.start_time_unix = start_time_unix_;
+  s.bytes_sent = bytes_sent_;
+  s.bytes_received = bytes_received_;
+  s.connection_count = connections_.ConnectionCount();
+  s.token_connection_count = connections_.TokenConnectionCount();
+  s.requests_by_package_id = state_.requests_by_package_id;
+  return s;
+}
+
+void Server::AddToCounter(int32_t& counter, int64_t amount) {
+  const int64_t sum = static_cast<int64_t>(counter) + amount;
+  if (sum > INT32_MAX) throw RuntimeError(kErrOverflow, "Overflow");
+  counter = static_cast<int32_t>(sum);
+}
+
+void Server::OnConnectionRequest(int index, const std::string& remote_address,
+                                 uint64_t request_id) {
+  try {
+    log_.WriteLog("Socket_ConnectionRequest: " + remote_address +
+                  " RequestID: " + std::to_string(request_id));
+    (void)index;
+    if (on_connection_count_changed) on_connection_count_changed(connections_.ConnectionCount());
+  } catch (...) {
+    LogCurrentException(log_, "Socket_ConnectionRequest");
+  }
+}
+
+void Server::OnDataArrival(int index, std::string_view chunk) {
+  try {
+    try {
+      AddToCounter(bytes_received_, static_cast<int64_t>(chunk.size()));
+    } catch (...) {
+      // The counter keeps its value; the data is still served.
+      LogCurrentException(log_, "Socket_DataArrival");
+    }
+    if (!receive_buffers_.SocketGetData(index, chunk, state_.admin_login_flag)) return;
+    while (receive_buffers_.SocketPrepareDataForExecution(index, state_.current)) {
+      dispatcher_.DoSocketAction(index);
+      // A handler may have closed this connection.
+      if (!connections_.IsLoaded(index)) break;
+    }
+  } catch (...) {
+    LogCurrentException(log_, "Socket_DataArrival");
+  }
+}
+
+void Server::OnSendProgress(int, size_t bytes) {
+  try {
+    AddToCounter(bytes_sent_, static_cast<int64_t>(bytes));
+  } catch (...) {
+    LogCurrentException(log_, "Socket_SendProgress");
+  }
+}
+
+void Server::OnClose(int index) { SocketClose(index); }
+
+void Server::OnError(int index, int number, const std::string& description) {
+  try {
+    audit_.DBLogClientAction(connections_.ConnectionTag(index), AuditAction::kError,
+                              connections_.RemoteAddress(index), "");
+    log_.WriteLog("Socket_Error: " + std::to_string(index) + " ErrorNr: " +
+                  std::to_string(number) + " ErrorDesc: " + description);
+  } catch (...) {
+    LogCurrentException(log_, "Socket_Error");
+  }
+  SocketClose(index);
+}
+
+void Server::SocketClose(int index) {
+  try {
+    const std::string tag = connections_.ConnectionTag(index);
+    const std::string address = connections_.RemoteAddress(index);
+    if (!tag.empty()) audit_.DBLogClientAction(tag, AuditAction::kDisconnect, address, "");
+    const std::string prefix = "Socket_Close (" + std::to_string(index) + "): " + address;
+    log_.WriteLog(prefix + " wird getrennt");
+    receive_buffers_.Remove(index);
+    state_.admin_connections.Remove(index);
+    state_.pending_task_collections.erase(ConnectionKey(index));
+    if (state_.admin_connections.Count() > 0) {
+      // Tell the consoles that the client has gone.
+      SocketDataStruct& record = state_.current;
+      record.PackageID = 102;
+      record.Reserved = 0;
+      record.Data = tag;
+      record.Misc1.clear();
+      record.Misc2.clear();
+      record.Misc3.clear();
+      PrepareForSending(record, log_);
+      dispatcher_.DoSocketAction(0);
+    }
+    if (index < 1) {
+      log_.WriteLog("Index = " + std::to_string(index) + " -> Nothing to be done");
+    } else {
+      log_.WriteLog("Index = " + std::to_string(index) + " -> Closing and unloading");
+      connections_.Unload(index);
+    }
+    log_.WriteLog(prefix + " wurde getrennt");
+  } catch (...) {
+    LogCurrentException(log_, "Socket_Close");
+    // Whatever failed, the slot must not stay loaded with a dead socket.
+    connections_.Unload(index);
+  }
+  if (on_connection_count_changed) on_connection_count_changed(connections_.ConnectionCount());
+}
+
+}  // namespace kalvo

@@ -1,0 +1,72 @@
+#include "host/service_host.h"
+
+#include <systemd/sd-daemon.h>
+
+#include <boost/asio/signal_set.hpp>
+#include <csignal>
+
+namespace kalvo {
+namespace {
+
+// The service control event of a parameter change.
+constexpr int kServiceEventParamChange = 6;
+
+}  // namespace
+
+int RunService(const ServerOptions& options) {
+  boost::asio::io_context io;
+  Server server(io, options);
+  server.FormLoad();
+  if (server.StopLoading()) {
+    server.FormQueryUnload(kUnloadFromCode);
+    server.FormUnload();
+    server.FormTerminate();
+    return 1;
+  }
+  server.ServiceStart();
+  server.on_connection_count_changed = [](int count) {
+    sd_notifyf(0, "STATUS=%d connections", count);
+  };
+  sd_notifyf(0, "READY=1\nSTATUS=listening on port %u, 0 connections",
+             static_cast<unsigned>(server.ListeningPort()));
+
+  boost::asio::signal_set signals(io, SIGTERM, SIGINT, SIGUSR1);
+  signals.add(SIGUSR2);
+  signals.add(SIGHUP);
+  std::function<void(const boost::system::error_code&, int)> on_signal =
+      [&](const boost::system::error_code& ec, int signal_number) {
+        if (ec) return;
+        switch (signal_number) {
+          case SIGTERM:
+          case SIGINT:
+            sd_notify(0, "STOPPING=1");
+            server.ServiceStop();
+            if (server.Unloaded()) {
+              server.FormTerminate();
+              signals.cancel();
+              io.stop();
+              return;
+            }
+            break;
+          case SIGUSR1:
+            server.ServicePause();
+            sd_notify(0, "STATUS=paused");
+            break;
+          case SIGUSR2:
+            server.ServiceContinue();
+            sd_notify(0, "STATUS=running");
+            break;
+          case SIGHUP:
+            sd_notify(0, "RELOADING=1");
+            server.ServiceControl(kServiceEventParamChange);
+            sd_notify(0, "READY=1");
+            break;
+        }
+        signals.async_wait(on_signal);
+      };
+  signals.async_wait(on_signal);
+  io.run();
+  return 0;
+}
+
+}  // namespace kalvo
