@@ -45,66 +45,27 @@ void AppendNumber(std::string& out, int32_t n) {
   out.append(buf, std::to_chars(buf, buf + sizeof buf, n).ptr);
 }
 
-// The string function Left: the first n characters; a negative n is an invalid argument.
-std::string_view Left(std::string_view text, int32_t n) {
-  if (n < 0) throw RuntimeError(kErrInvalidCall, "Invalid procedure call or argument");
-  return text.substr(0, static_cast<size_t>(n));
-}
-
-// The string function Right: the last n characters; a negative n is an invalid argument.
-std::string_view Right(std::string_view text, int32_t n) {
-  if (n < 0) throw RuntimeError(kErrInvalidCall, "Invalid procedure call or argument");
-  const size_t count = std::min(text.size(), static_cast<size_t>(n));
-  return text.substr(text.size() - count);
-}
-
-// Decodes without copying; throws on a conversion error. Only the first seven separators are
-// looked for, so a large Data full of "|" costs nothing extra.
-PacketView DecodeView(std::string_view text) {
-  PacketView view;
-  const size_t start = text.find_first_not_of('x');
-  if (start == std::string_view::npos) {
-    view.keep_alive = true;
-    return view;
+// The description a run-time error number carries.
+const char* Describe(int32_t number) {
+  switch (number) {
+    case kErrOverflow:
+      return "Overflow";
+    case kErrTypeMismatch:
+      return "Type mismatch";
+    default:
+      return "Invalid procedure call or argument";
   }
-  const std::string_view rest = text.substr(start);
-
-  std::array<std::string_view, kHeaderFields> fields{};
-  int parts = 0;
-  size_t pos = 0;
-  bool more_than_header = false;
-  while (true) {
-    if (parts == kHeaderFields) {  // a seventh separator was found: Data follows
-      more_than_header = true;
-      break;
-    }
-    const size_t sep = rest.find(kSeparator, pos);
-    fields[parts++] = rest.substr(pos, sep == std::string_view::npos ? sep : sep - pos);
-    if (sep == std::string_view::npos) break;
-    pos = sep + 1;
-  }
-
-  if (parts > 0) view.package_size = ConvertToInt32(fields[0]);
-  if (parts > 1) view.package_id = ConvertToInt32(fields[1]);
-  if (parts > 2) view.reserved = ConvertToInt32(fields[2]);
-  if (parts > 3) view.misc1 = fields[3];
-  if (parts > 4) view.misc2 = fields[4];
-  if (parts > 5) view.misc3 = fields[5];
-  if (parts > 6) view.data_size = ConvertToInt32(fields[6]);
-  if (more_than_header) view.data = Right(Left(rest, view.package_size), view.data_size);
-  return view;
 }
 
-}  // namespace
-
-int32_t ConvertToInt32(std::string_view text) {
+// ConvertToInt32 without exceptions (chunks that are no packet are frequent, and unwinding
+// costs more than the whole decode): 0 and `out` set, or the error number.
+int32_t ParseInt32(std::string_view text, int32_t& out) {
   size_t b = 0;
   size_t e = text.size();
   while (b < e && IsBlank(text[b])) ++b;
   while (e > b && IsBlank(text[e - 1])) --e;
   text = text.substr(b, e - b);
 
-  const auto mismatch = [] { return RuntimeError(kErrTypeMismatch, "Type mismatch"); };
   size_t i = 0;
   bool negative = false;
   if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
@@ -129,12 +90,67 @@ int32_t ConvertToInt32(std::string_view text) {
       if (first_digit > 5 || (first_digit == 5 && (tail_nonzero || value % 2 == 1))) ++value;
     }
   }
-  if (digits == 0 || i != text.size()) throw mismatch();
+  if (digits == 0 || i != text.size()) return kErrTypeMismatch;
   if (negative) value = -value;
   if (value > std::numeric_limits<int32_t>::max() || value < std::numeric_limits<int32_t>::min()) {
-    throw RuntimeError(kErrOverflow, "Overflow");
+    return kErrOverflow;
   }
-  return static_cast<int32_t>(value);
+  out = static_cast<int32_t>(value);
+  return 0;
+}
+
+// Decodes without copying: 0, or the run-time error number of the first failure (a number
+// that does not convert; a negative PackageSize or DataSize, which the string functions that
+// cut Data reject as an invalid argument). Only the first seven separators are looked for,
+// so a large Data full of "|" costs nothing extra.
+int32_t DecodeView(std::string_view text, PacketView& view) {
+  const size_t start = text.find_first_not_of('x');
+  if (start == std::string_view::npos) {
+    view.keep_alive = true;
+    return 0;
+  }
+  const std::string_view rest = text.substr(start);
+
+  std::array<std::string_view, kHeaderFields> fields{};
+  int parts = 0;
+  size_t pos = 0;
+  bool more_than_header = false;
+  while (true) {
+    if (parts == kHeaderFields) {  // a seventh separator was found: Data follows
+      more_than_header = true;
+      break;
+    }
+    const size_t sep = rest.find(kSeparator, pos);
+    fields[parts++] = rest.substr(pos, sep == std::string_view::npos ? sep : sep - pos);
+    if (sep == std::string_view::npos) break;
+    pos = sep + 1;
+  }
+
+  int32_t error = 0;
+  if (parts > 0 && (error = ParseInt32(fields[0], view.package_size)) != 0) return error;
+  if (parts > 1 && (error = ParseInt32(fields[1], view.package_id)) != 0) return error;
+  if (parts > 2 && (error = ParseInt32(fields[2], view.reserved)) != 0) return error;
+  if (parts > 3) view.misc1 = fields[3];
+  if (parts > 4) view.misc2 = fields[4];
+  if (parts > 5) view.misc3 = fields[5];
+  if (parts > 6 && (error = ParseInt32(fields[6], view.data_size)) != 0) return error;
+  if (more_than_header) {
+    // Data = the last DataSize characters of the first PackageSize characters.
+    if (view.package_size < 0 || view.data_size < 0) return kErrInvalidCall;
+    const std::string_view head = rest.substr(0, static_cast<size_t>(view.package_size));
+    const size_t count = std::min(head.size(), static_cast<size_t>(view.data_size));
+    view.data = head.substr(head.size() - count);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int32_t ConvertToInt32(std::string_view text) {
+  int32_t value = 0;
+  const int32_t error = ParseInt32(text, value);
+  if (error != 0) throw RuntimeError(error, Describe(error));
+  return value;
 }
 
 int32_t SocketGetPackageSize(Log& log, const SocketDataStruct& record) {
@@ -184,7 +200,9 @@ std::string SocketStructToString(Log& log, const SocketDataStruct& record) {
 
 SocketDataStruct SocketStringToStruct(Log& log, std::string_view text) {
   try {
-    const PacketView view = DecodeView(text);
+    PacketView view;
+    const int32_t error = DecodeView(text, view);
+    if (error != 0) throw RuntimeError(error, Describe(error));
     if (view.keep_alive) {
       log.WriteLog("KeepAlive received");
       return {};
@@ -209,7 +227,8 @@ int32_t SocketReadPackageSize(std::string_view text) {
   try {
     const size_t sep = text.find(kSeparator);
     if (sep == std::string_view::npos) return 0;
-    return ConvertToInt32(text.substr(0, sep));
+    int32_t size = 0;
+    return ParseInt32(text.substr(0, sep), size) == 0 ? size : 0;
   } catch (...) {
     return 0;
   }
@@ -228,15 +247,17 @@ void SocketClearStruct(SocketDataStruct& record) {
 
 bool CheckAdminLoginPackage(Log& log, std::string_view chunk) {
   try {
-    const PacketView view = DecodeView(chunk);
+    PacketView view;
+    // Most chunks that do not decode are the middle of a long packet: normal traffic, so no
+    // error line (one per TCP segment of every large upload would flood the log).
+    if (DecodeView(chunk, view) != 0) return false;
     if (view.keep_alive) {
       log.WriteLog("KeepAlive received");
       return false;
     }
     return view.package_id == kAdminLoginPackageId;
   } catch (...) {
-    // Most chunks that do not decode are the middle of a long packet: normal traffic, so no
-    // error line (one per TCP segment of every large upload would flood the log).
+    LogCurrentException(log, "CheckAdminLoginPackage");
     return false;
   }
 }
