@@ -8,9 +8,9 @@
 
 namespace kalvo {
 
-// A table of texts as listing a key gives it: rows[0] are the names and rows[1] the data,
-// each indexed by enumeration index (the spec-style bounds (1 to 2, 1 to N) map to
-// rows[r - 1][c - 1]).
+// A table of texts as listing a key gives it: names[i] and data[i] belong to the value at
+// enumeration index i (a two-row table of texts, row 1 the names and row 2 the data, column
+// i + 1 counted from 1). Both vectors always have the same length.
 struct RegistryTable {
   std::vector<std::string> names;
   std::vector<std::string> data;

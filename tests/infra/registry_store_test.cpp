@@ -210,8 +210,12 @@ TEST_F(RegistryStoreTest, UnchangedFileCostsOnlyAStatPerRead) {
   }
   const auto elapsed = std::chrono::steady_clock::now() - start;
   EXPECT_EQ(sum, kReads);
-  // Two reads per log line at 50,000 lines/s need 100,000 reads/s; allow slow builds.
-  EXPECT_LT(elapsed, std::chrono::seconds(2));
+  // Two reads per log line at 50,000 lines/s need 100,000 reads/s.
+#ifdef __SANITIZE_ADDRESS__
+  EXPECT_LT(elapsed, std::chrono::seconds(10));
+#else
+  EXPECT_LT(elapsed, std::chrono::seconds(1));
+#endif
   std::printf("%d reads in %lld ms\n", kReads,
               static_cast<long long>(
                   std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()));
@@ -247,9 +251,11 @@ TEST_F(RegistryStoreTest, ConcurrentWritersInTwoProcessesBothSurvive) {
   int torn_reads = 0;
   int status_a = -1, status_b = -1;
   while (::waitpid(a, &status_a, WNOHANG) == 0 || ::waitpid(b, &status_b, WNOHANG) == 0) {
+    reader.Invalidate();
     if (RegistryRead(reader, kRoot, kKey, "KDX", "Seed", "") != RegistryValue("present")) {
       ++torn_reads;
     }
+    std::this_thread::sleep_for(std::chrono::microseconds(300));
   }
   ::waitpid(a, &status_a, 0);
   ::waitpid(b, &status_b, 0);
@@ -268,13 +274,22 @@ TEST_F(RegistryStoreTest, WriterKilledMidWriteLeavesAWholeFile) {
   std::mt19937 random(12345);
   int32_t last_seen = 0;
   int interrupted_writes = 0;
-  for (int round = 0; round < 25; ++round) {
+  for (int round = 0; round < 15; ++round) {
     const pid_t child = Spawn([&] {
       RegistryStore store(path_);
       for (int32_t i = last_seen + 1;; ++i) RegistryWrite(store, kRoot, kKey, "KDX", "Counter", i);
     });
     ASSERT_GT(child, 0);
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 20'000));
+    // Let the child finish one write (slow builds start slowly), then kill it at a random
+    // moment of the writes that follow.
+    RegistryStore watcher(path_);
+    watcher.SetCheckInterval(std::chrono::nanoseconds(0));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (RegistryRead(watcher, kRoot, kKey, "KDX", "Counter", 0).ToLong() <= last_seen &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 10'000));
     ::kill(child, SIGKILL);
     int status = 0;
     ::waitpid(child, &status, 0);
@@ -287,7 +302,7 @@ TEST_F(RegistryStoreTest, WriterKilledMidWriteLeavesAWholeFile) {
     RegistryStore store(path_);
     const int32_t counter = RegistryRead(store, kRoot, kKey, "KDX", "Counter", 0).ToLong();
     EXPECT_EQ(doc.Values(kKdx).size(), counter == 0 ? 201u : 202u) << "round " << round;
-    EXPECT_GE(counter, last_seen);  // never goes back: each complete write is durable
+    EXPECT_GT(counter, last_seen);  // never goes back: each complete write is durable
     last_seen = counter;
   }
   EXPECT_GT(last_seen, 0);
