@@ -9,6 +9,11 @@
 
 namespace kalvo {
 
+DatabaseSettings DatabaseSettingsFrom(const Settings& s) {
+  return {s.dsn,         s.login_user, s.login_pass,    s.string_type,
+          s.string_max_size, s.number_type, s.blob_type, s.blob_max_size};
+}
+
 Server::Server(boost::asio::io_context& io, ServerOptions options)
     : io_(io),
       options_(std::move(options)),
@@ -18,7 +23,8 @@ Server::Server(boost::asio::io_context& io, ServerOptions options)
       language_(options_.program, options_.language_id),
       receive_buffers_(log_),
       connections_(io, *this),
-      dispatcher_(RequestContext{state_, connections_, log_, settings_, audit_}),
+      database_(odbc_, log_),
+      dispatcher_(RequestContext{state_, connections_, log_, settings_, audit_, database_}),
       status_(io, log_, [this] { return Snapshot(); }) {
   registry_.SetWarningSink([this](const std::string& line) { log_.WriteLog(line); });
   log_.WriteLog("Form_Initialize...");
@@ -52,6 +58,8 @@ void Server::FormLoad() {
 
     form_unload_mode_ = 0;
     DoStartupSettings();
+    // Whatever was read, also when reading stopped early, is what the database uses.
+    database_.set_settings(DatabaseSettingsFrom(settings_));
     log_.WriteLog("DoStartupSettings completed");
     receive_buffers_.set_max_package_size(settings_.max_package_size);
     registry_settings_ok_ = CheckRegistrySettings(settings_, log_);

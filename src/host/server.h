@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include "db/database.h"
+#include "db/odbc_handles.h"
 #include "host/status_endpoint.h"
 #include "infra/cdebug.h"
 #include "infra/language.h"
@@ -22,6 +24,9 @@
 #include "requests/server_state.h"
 
 namespace kalvo {
+
+// The database part of the settings.
+DatabaseSettings DatabaseSettingsFrom(const Settings& settings);
 
 struct ServerOptions {
   std::string registry_path;        // the .reg file
@@ -78,6 +83,7 @@ class Server : public ConnectionEvents {
 
   Log& log() { return log_; }
   Settings& settings() { return settings_; }
+  Database& database() { return database_; }
   ServerState& state() { return state_; }
   ConnectionTable& connections() { return connections_; }
   // Replaces the audit writer (the database one, once configured); must outlive the server.
@@ -110,6 +116,8 @@ class Server : public ConnectionEvents {
   ReceiveBuffers receive_buffers_;
   ConnectionTable connections_;
   ForwardingClientAudit audit_;
+  OdbcEnvironment odbc_;
+  Database database_;
   Dispatcher dispatcher_;
   StatusEndpoint status_;
 

@@ -1,5 +1,6 @@
 #include "requests/dispatcher.h"
 
+#include "db/schema.h"
 #include "infra/runtime_error.h"
 #include "net/socket_send.h"
 #include "requests/broadcast.h"
@@ -11,6 +12,7 @@ Dispatcher::Dispatcher(RequestContext ctx) : ctx_(ctx) {
   handlers_ = {
       {102, [this](int i) { TokenRemoved(i); }},
       {311, [this](int i) { Echo(i); }},
+      {401, [this](int i) { ConsoleLogin(i); }},
       {501, [this](int i) { AdminLogin(i); }},
   };
 }
@@ -77,5 +79,24 @@ void Dispatcher::Echo(int index) {
 }
 
 void Dispatcher::AdminLogin(int) { ctx_.state.admin_login_flag = true; }
+
+// A console registers: it is added once to the consoles that receive every broadcast and
+// gets the token list and the state of the database. When it names its own token (and is
+// not merely refreshing), that token is then registered like a client's.
+void Dispatcher::ConsoleLogin(int index) {
+  SocketDataStruct& record = ctx_.state.current;
+  const std::string own_token = record.Data;
+  const bool refresh = record.Misc1 == "UPDATE";
+  ctx_.state.admin_connections.Add(index);
+  // The token list joins this reply once the token operations exist.
+  SetReply(401, "");
+  record.Misc1 = std::to_string(static_cast<int32_t>(DBIsDatabaseUpToDate(ctx_.database)));
+  record.Misc3 = std::to_string(ctx_.settings.string_max_size);
+  Reply(index);
+  if (!refresh && !own_token.empty()) {
+    SetReply(101, own_token);
+    DoSocketAction(index);
+  }
+}
 
 }  // namespace kalvo

@@ -34,6 +34,7 @@ class Dispatcher {
 
   void TokenRemoved(int index);  // 102
   void Echo(int index);          // 311
+  void ConsoleLogin(int index);  // 401
   void AdminLogin(int index);    // 501
 
   RequestContext ctx_;

@@ -1,6 +1,7 @@
 // What a request handler works with; every member outlives the dispatcher.
 #pragma once
 
+#include "db/database.h"
 #include "infra/log.h"
 #include "infra/settings.h"
 #include "net/connection_table.h"
@@ -15,6 +16,7 @@ struct RequestContext {
   Log& log;
   Settings& settings;
   ClientAudit& audit;
+  Database& database;
 };
 
 }  // namespace kalvo

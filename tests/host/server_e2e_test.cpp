@@ -1,0 +1,188 @@
+// The real server as a process on loopback, driven over TCP and by signals.
+#include <gtest/gtest.h>
+
+#include "server_process.h"
+
+namespace kalvo::testing {
+namespace {
+
+const std::string kEcho = "14|311|0||||0|";
+const std::string kGuid = "2C39BFC3-7130-4937-B329-6C0863EC8375";
+const std::string kTokenRemoved = "51|102|0||||36|" + kGuid;
+const std::string kEmpty102 = "14|102|0||||0|";
+
+// Reads one whole packet by its size field; "" when none came in time.
+std::string ReceivePacket(Client& client, int quiet_ms = 2000) {
+  std::string head;
+  while (head.find('|') == std::string::npos) {
+    const std::string c = client.Receive(1, quiet_ms);
+    if (c.empty()) return head;
+    head += c;
+  }
+  const size_t size = std::stoul(head.substr(0, head.find('|')));
+  return head + client.Receive(size - head.size(), quiet_ms);
+}
+
+TEST(ServerE2E, EchoIsAnsweredByteExactly) {
+  ServerProcess server;
+  Client client(server.port());
+  client.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(client), kEcho);
+  EXPECT_TRUE(server.WaitForLog("DoSocketAction: ID: 311 Socket: 1 Daten gesendet"));
+}
+
+TEST(ServerE2E, PacketsAreFramedWhateverTheWritesLookLike) {
+  ServerProcess server;
+  Client client(server.port());
+  // Two packets in one write: both answered, in order.
+  client.Send(kEcho + kTokenRemoved);
+  EXPECT_EQ(ReceivePacket(client), kEcho);
+  EXPECT_EQ(ReceivePacket(client), kEmpty102);
+  // One packet over three writes: answered once, when the last part arrives.
+  client.Send("14|3");
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  client.Send("11|0||");
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(ServerProcess::Count(server.Log(), "DoSocketAction: ID: 311 Socket: 1\r\n"), 1);
+  client.Send("||0|");
+  EXPECT_EQ(ReceivePacket(client), kEcho);
+  EXPECT_EQ(client.Receive(1, 200), "");
+  EXPECT_EQ(ServerProcess::Count(server.Log(), "DoSocketAction: ID: 311 Socket: 1\r\n"), 2);
+}
+
+TEST(ServerE2E, KeepAlivesAndGarbageGetNoReplyAndTheNextPacketIsServed) {
+  ServerProcess server;
+  Client client(server.port());
+  client.Send("xxx");
+  EXPECT_TRUE(server.WaitForLog("KeepAlive received"));
+  client.Send("hello world|");
+  EXPECT_EQ(client.Receive(1, 200), "");
+  EXPECT_EQ(ServerProcess::Count(server.Log(), "KeepAlive received"), 1);
+  client.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(client), kEcho);
+}
+
+TEST(ServerE2E, OversizedPacketIsDroppedAndTheConnectionStaysOpen) {
+  ServerProcess server("\"MaxPackageSize\"=dword:00000064");  // 100 bytes
+  Client client(server.port());
+  client.Send("500|311|0||||0|");
+  EXPECT_TRUE(server.WaitForLog("ReceiveBuffer of connection 1 dropped: size 500"));
+  client.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(client), kEcho);
+}
+
+TEST(ServerE2E, ClosedConnectionFreesTheLowestIndexForTheNextOne) {
+  ServerProcess server;
+  Client a(server.port());
+  Client b(server.port());
+  Client c(server.port());
+  ASSERT_TRUE(server.WaitForLog("Socket_ConnectionRequest: 127.0.0.1 RequestID: ", 3));
+  b.Close();
+  ASSERT_TRUE(server.WaitForLog("Socket_Close (2): 127.0.0.1 wurde getrennt"));
+  const std::string log = server.Log();
+  EXPECT_NE(log.find("Socket_Close (2): 127.0.0.1 wird getrennt"), std::string::npos);
+  EXPECT_NE(log.find("Index = 2 -> Closing and unloading"), std::string::npos);
+  Client d(server.port());
+  d.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(d), kEcho);
+  EXPECT_TRUE(server.WaitForLog("DoSocketAction: ID: 311 Socket: 2 Daten gesendet"));
+  Client e(server.port());
+  e.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(e), kEcho);
+  EXPECT_TRUE(server.WaitForLog("DoSocketAction: ID: 311 Socket: 4 Daten gesendet"));
+}
+
+TEST(ServerE2E, EveryConsoleLearnsWhenAClientGoes) {
+  ServerProcess server;
+  Client first(server.port());
+  Client second(server.port());
+  for (Client* console : {&first, &second}) {
+    console->Send("14|401|0||||0|");
+    const std::string reply = ReceivePacket(*console);
+    EXPECT_TRUE(reply.find("|401|0|") != std::string::npos) << reply;
+  }
+  {
+    Client client(server.port());
+    client.Send(kEcho);
+    EXPECT_EQ(ReceivePacket(client), kEcho);
+  }
+  // The client never registered a token, so the notice carries an empty tag.
+  EXPECT_EQ(ReceivePacket(first), kEmpty102);
+  EXPECT_EQ(ReceivePacket(second), kEmpty102);
+  EXPECT_TRUE(server.WaitForLog("SendToAllAdmins: ID: 102 Socket: 2 Daten gesendet"));
+  // A console that goes is not told about itself, but the other one is.
+  first.Close();
+  EXPECT_EQ(ReceivePacket(second), kEmpty102);
+}
+
+TEST(ServerE2E, TokenRemovalIsBroadcastBeforeTheEmptyReply) {
+  ServerProcess server;
+  Client console(server.port());
+  console.Send("14|401|0||||0|");
+  ReceivePacket(console);
+  Client client(server.port());
+  client.Send(kTokenRemoved);
+  EXPECT_EQ(ReceivePacket(client), kEmpty102);
+  EXPECT_EQ(ReceivePacket(console), "60|102|0|127.0.0.1|||36|" + kGuid);
+  // A malformed GUID is ignored.
+  client.Send("19|102|0||||5|PC042");
+  EXPECT_EQ(client.Receive(1, 200), "");
+}
+
+TEST(ServerE2E, ServiceControlsArriveAsSignals) {
+  ServerProcess server;
+  ::kill(server.pid(), SIGUSR1);
+  EXPECT_TRUE(server.WaitForLog("Service_Pause complete (Success = TRUE)"));
+  // Pausing keeps serving.
+  Client client(server.port());
+  client.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(client), kEcho);
+  ::kill(server.pid(), SIGUSR2);
+  EXPECT_TRUE(server.WaitForLog("Service_Continue complete (Success = TRUE)"));
+  ::kill(server.pid(), SIGHUP);
+  EXPECT_TRUE(server.WaitForLog("Service_Control (ServiceEvent = 6)"));
+  EXPECT_EQ(server.StopWith(SIGTERM), 0);
+  const std::string log = server.Log();
+  for (const char* line :
+       {"Service_Stop started -> calling <unload me>", "Form_QueryUnload: FormUnloadMode = 1",
+        "Program should be terminated -> Clearing all timer, removing tray icon and destroying "
+        "objects",
+        "Service_Stop complete", "Form_Terminate complete"}) {
+    EXPECT_NE(log.find(line), std::string::npos) << line;
+  }
+}
+
+TEST(ServerE2E, StartedByHandWithoutForegroundEndsWithAMessage) {
+  const fs::path dir = fs::temp_directory_path() / ("kalvo_e2e_hand_" + std::to_string(::getpid()));
+  fs::create_directories(dir);
+  std::ofstream(dir / "registry.reg") << "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\"
+                                         "Zentara]\r\n\"LogLevel\"=dword:00000001\r\n";
+  const std::string command = "env -u INVOCATION_ID LANG=C " + std::string(KALVO_BUILD_DIR) +
+                              "/kalvosrv --registry " + (dir / "registry.reg").string() +
+                              " --log-file " + (dir / "k.log").string() + " 2>" +
+                              (dir / "err").string();
+  const int status = std::system(command.c_str());
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_FALSE(ReadFile(dir / "err").empty());
+  const std::string log = ReadFile(dir / "k.log");
+  EXPECT_NE(log.find("Not starting as service -> loading will be stopped"), std::string::npos);
+  EXPECT_NE(log.find("Program will be terminated because another instance is running"),
+            std::string::npos);
+  fs::remove_all(dir);
+}
+
+TEST(ServerE2E, StatusEndpointReportsTheConnections) {
+  ServerProcess server;
+  Client client(server.port());
+  client.Send(kEcho);
+  ReceivePacket(client);
+  Client http(server.status_port());
+  http.Send("GET /status HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+  const std::string response = http.Receive(100000, 1000);
+  EXPECT_NE(response.find("\"listening\":true"), std::string::npos) << response;
+  EXPECT_NE(response.find("\"connectionCount\":1"), std::string::npos) << response;
+  EXPECT_NE(response.find("\"bytesReceived\":14"), std::string::npos) << response;
+}
+
+}  // namespace
+}  // namespace kalvo::testing
