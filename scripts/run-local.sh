@@ -1,5 +1,33 @@
 #!/usr/bin/env bash
-# Runs the built server in the foreground.
+# Runs the built server in the foreground on the embedded SQLite default, with everything it
+# needs in ./run (registry file, ODBC data source with pooling, database file, log file).
+# The machine's own ODBC configuration is not touched.
 set -euo pipefail
-build=${1:-build}
-exec "$build/kalvosrv" --version
+build=$(realpath "${1:-build}")
+cd "$(dirname "$0")/.."
+run=$(pwd)/run
+mkdir -p "$run"
+
+# The driver entry comes from the machine's odbcinst.ini, with pooling switched on.
+driver=$(odbcinst -q -d -n SQLite3 | sed -n 's/^Driver=//p')
+cat > "$run/odbcinst.ini" <<INI
+[ODBC]
+Pooling = Yes
+
+[SQLite3]
+Driver = ${driver:-/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so}
+CPTimeout = 120
+INI
+cat > "$run/odbc.ini" <<INI
+[kalvo]
+Driver = SQLite3
+Database = $run/kalvo.db
+Timeout = 5000
+INI
+if [ ! -f "$run/registry.reg" ]; then
+  cp packaging/registry.reg.example "$run/registry.reg"
+fi
+export ODBCSYSINI=$run ODBCINI=$run/odbc.ini
+"$build/kalvosrv" --check-config --registry "$run/registry.reg" --log-file "$run/kalvosrv.log" || true
+echo "kalvosrv: port 15243, status http://127.0.0.1:15244/status, log $run/kalvosrv.log (Ctrl-C stops)"
+exec "$build/kalvosrv" --foreground --registry "$run/registry.reg" --log-file "$run/kalvosrv.log"

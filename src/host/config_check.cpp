@@ -3,6 +3,8 @@
 #include <istream>
 #include <ostream>
 
+#include "db/odbc_handles.h"
+#include "db/schema.h"
 #include "infra/log.h"
 #include "infra/runtime_error.h"
 #include "infra/text_encoding.h"
@@ -76,11 +78,23 @@ int CheckConfig(const ServerOptions& options, std::ostream& out) {
         << "); the settings after it keep their defaults\n";
     return 1;
   }
+  if (!OdbcPoolingEnabled()) {
+    out << "WARNING: ODBC connection pooling is off: every database operation opens a new "
+           "connection. Set Pooling = Yes in the [ODBC] section of odbcinst.ini and a "
+           "CPTimeout in the driver's section.\n";
+  }
   std::string failure;
   if (!CheckRegistrySettings(s, log, &failure)) {
     out << "FAILED: " << u(failure) << "\n";
     return 1;
   }
+  OdbcEnvironment env;
+  const TableState state =
+      CheckDatabaseState(env, log,
+                         {s.dsn, s.login_user, s.login_pass, s.string_type, s.string_max_size,
+                          s.number_type, s.blob_type, s.blob_max_size});
+  out << "database state: " << TableStateName(state) << " (" << static_cast<int>(state)
+      << ")\n";
   out << "all checks passed\n";
   return 0;
 }
