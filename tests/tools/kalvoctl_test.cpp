@@ -1,0 +1,208 @@
+// Runs the built kalvoctl against a fake server on loopback that answers with fixed packets.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "infra/log.h"
+#include "infra/registry_store.h"
+#include "net/packet.h"
+
+namespace kalvo {
+namespace {
+
+// Closes a descriptor on every path out.
+struct Fd {
+  int fd = -1;
+  explicit Fd(int f) : fd(f) {}
+  ~Fd() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+
+// Accepts one connection, reads one whole packet, sends `replies` (each as its own write),
+// then waits for the client to close. Every wait gives up after 10 s.
+class FakeServer {
+ public:
+  explicit FakeServer(std::vector<std::string> replies) : replies_(std::move(replies)) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(listener_.fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    ::listen(listener_.fd, 1);
+    socklen_t len = sizeof addr;
+    ::getsockname(listener_.fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    port_ = ntohs(addr.sin_port);
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~FakeServer() { thread_.join(); }
+
+  int port() const { return port_; }
+  // The bytes of the request; complete once the client has exited.
+  const std::string& received() const { return received_; }
+
+ private:
+  static bool WaitReadable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, 10000) == 1;
+  }
+
+  void Serve() {
+    if (!WaitReadable(listener_.fd)) return;
+    Fd conn(::accept(listener_.fd, nullptr, nullptr));
+    char buf[4096];
+    while (WaitReadable(conn.fd)) {
+      const ssize_t n = ::read(conn.fd, buf, sizeof buf);
+      if (n <= 0) return;
+      received_.append(buf, static_cast<size_t>(n));
+      const int32_t size = SocketReadPackageSize(received_);
+      if (size > 0 && received_.size() >= static_cast<size_t>(size)) break;
+    }
+    for (const auto& r : replies_) {
+      if (::write(conn.fd, r.data(), r.size()) != static_cast<ssize_t>(r.size())) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    while (WaitReadable(conn.fd) && ::read(conn.fd, buf, sizeof buf) > 0) {
+    }
+  }
+
+  Fd listener_{::socket(AF_INET, SOCK_STREAM, 0)};
+  int port_ = 0;
+  std::vector<std::string> replies_;
+  std::string received_;
+  std::thread thread_;
+};
+
+struct RunResult {
+  int exit_code = -1;
+  std::string out;
+  std::string err;
+};
+
+RunResult Kalvoctl(const std::string& args) {
+  const std::string err_file =
+      (std::filesystem::temp_directory_path() / ("kalvoctl-err-" + std::to_string(::getpid())))
+          .string();
+  const std::string cmd = std::string(KALVO_BUILD_DIR) + "/kalvoctl " + args + " 2>" + err_file;
+  RunResult run;
+  FILE* pipe = ::popen(cmd.c_str(), "r");
+  if (pipe == nullptr) return run;
+  char buf[4096];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, pipe)) > 0) run.out.append(buf, n);
+  const int status = ::pclose(pipe);
+  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  std::stringstream err;
+  err << std::ifstream(err_file).rdbuf();
+  run.err = err.str();
+  std::filesystem::remove(err_file);
+  return run;
+}
+
+class KalvoctlTest : public ::testing::Test {
+ protected:
+  // The wire text of a packet.
+  std::string Wire(int32_t id, std::string data, std::string misc1 = "", std::string misc2 = "") {
+    SocketDataStruct r;
+    r.PackageID = id;
+    r.Misc1 = std::move(misc1);
+    r.Misc2 = std::move(misc2);
+    r.DataSize = static_cast<int32_t>(data.size());
+    r.Data = std::move(data);
+    r.PackageSize = SocketGetPackageSize(log_, r);
+    return SocketStructToString(log_, r);
+  }
+
+  RegistryStore registry_{"/nonexistent/kalvoctl-test.reg"};
+  Log log_{registry_, "/dev/null"};
+};
+
+TEST_F(KalvoctlTest, SendPrintsEveryReplyAndConvertsTexts) {
+  // Replies in Windows-1252 with an umlaut, a "|" and a line break in Data; the second packet
+  // comes in two writes.
+  const std::string second = Wire(311, "");
+  FakeServer server({Wire(102, "Gr\xFC\xDF|x\r\n", "A"), second.substr(0, 5), second.substr(5)});
+  const RunResult run = Kalvoctl("send --host 127.0.0.1 --port " + std::to_string(server.port()) +
+                                 " --id 102 --misc1 'Gr\xC3\xBC\xC3\x9F"
+                                 "e' --data PC042 --timeout 0.5");
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out,
+            "PackageSize: 23\nPackageID: 102\nReserved: 0\nMisc1: A\nMisc2: \nMisc3: \n"
+            "DataSize: 8\nData: Gr\xC3\xBC\xC3\x9F|x\\r\\n\n"
+            "\n"
+            "PackageSize: 14\nPackageID: 311\nReserved: 0\nMisc1: \nMisc2: \nMisc3: \n"
+            "DataSize: 0\nData: \n");
+  // The argument went out as Windows-1252, sized correctly.
+  EXPECT_EQ(server.received(),
+            "24|102|0|Gr\xFC\xDF"
+            "e|||5|PC042");
+}
+
+TEST_F(KalvoctlTest, SendJsonPrintsOneEscapedObjectPerLine) {
+  FakeServer server({Wire(305, std::string("a\"b\\c\0d\xE4", 8)), Wire(311, "")});
+  const RunResult run =
+      Kalvoctl("send --json --port " + std::to_string(server.port()) + " --id 305 --timeout 0.5");
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(run.out,
+            "{\"PackageSize\":22,\"PackageID\":305,\"Reserved\":0,\"Misc1\":\"\",\"Misc2\":\"\","
+            "\"Misc3\":\"\",\"DataSize\":8,\"Data\":\"a\\\"b\\\\c\\u0000d\xC3\xA4\"}\n"
+            "{\"PackageSize\":14,\"PackageID\":311,\"Reserved\":0,\"Misc1\":\"\",\"Misc2\":\"\","
+            "\"Misc3\":\"\",\"DataSize\":0,\"Data\":\"\"}\n");
+}
+
+TEST_F(KalvoctlTest, ListenRegistersAndPrintsBroadcastsOnly) {
+  FakeServer server({Wire(401, "token list", "1"), Wire(101, "GUID-1", "10.0.0.7", "OK"),
+                     Wire(102, "GUID-1", "10.0.0.7")});
+  const RunResult run =
+      Kalvoctl("listen --json --count 2 --duration 10 --port " + std::to_string(server.port()));
+  EXPECT_EQ(run.exit_code, 0) << run.err;
+  EXPECT_EQ(server.received(), "14|401|0||||0|");
+  EXPECT_EQ(run.out,
+            "{\"PackageSize\":30,\"PackageID\":101,\"Reserved\":0,\"Misc1\":\"10.0.0.7\","
+            "\"Misc2\":\"OK\",\"Misc3\":\"\",\"DataSize\":6,\"Data\":\"GUID-1\"}\n"
+            "{\"PackageSize\":28,\"PackageID\":102,\"Reserved\":0,\"Misc1\":\"10.0.0.7\","
+            "\"Misc2\":\"\",\"Misc3\":\"\",\"DataSize\":6,\"Data\":\"GUID-1\"}\n");
+}
+
+TEST_F(KalvoctlTest, ConnectionFailureExitsWithOne) {
+  int port = 0;
+  {
+    // A port that was free a moment ago and has no listener now.
+    Fd s(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(s.fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    socklen_t len = sizeof addr;
+    ::getsockname(s.fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    port = ntohs(addr.sin_port);
+  }
+  const RunResult run = Kalvoctl("send --id 311 --timeout 1 --port " + std::to_string(port));
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_NE(run.err.find("cannot connect to 127.0.0.1:" + std::to_string(port)), std::string::npos)
+      << run.err;
+  EXPECT_EQ(run.out, "");
+}
+
+TEST_F(KalvoctlTest, BadArgumentsExitWithTwo) {
+  EXPECT_EQ(Kalvoctl("send --port 1").exit_code, 2);  // --id missing
+  EXPECT_EQ(Kalvoctl("send --id 1 --misc1 'a|b' --port 1").exit_code, 2);
+  EXPECT_EQ(Kalvoctl("frobnicate").exit_code, 2);
+  const RunResult help = Kalvoctl("send --help");
+  EXPECT_EQ(help.exit_code, 0);
+  EXPECT_NE(help.out.find("--data-file"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kalvo
