@@ -46,8 +46,7 @@ class UniqueFd {
 // lives on its own file because every write replaces the registry file's inode.
 class FileLock {
  public:
-  explicit FileLock(const std::string& lock_path)
-      : fd_(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+  explicit FileLock(const std::string& lock_path) : fd_(OpenLockFile(lock_path)) {
     if (fd_.get() < 0) return;
     const auto deadline = std::chrono::steady_clock::now() + kLockTimeout;
     auto pause = std::chrono::microseconds(100);
@@ -59,14 +58,19 @@ class FileLock {
       if (errno != EWOULDBLOCK && errno != EINTR) return;
       if (std::chrono::steady_clock::now() >= deadline) return;
       std::this_thread::sleep_for(pause);
-      pause = std::min(pause * 2, std::chrono::microseconds(5000));
+      pause = std::min(pause * 2, std::chrono::microseconds(2000));
     }
   }
   bool locked() const { return locked_; }
-  // The flock goes with the descriptor.
 
  private:
-  UniqueFd fd_;
+  // flock works on a read-only descriptor too: a lock file created by another user will do.
+  static int OpenLockFile(const std::string& lock_path) {
+    const int fd = ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    return fd >= 0 ? fd : ::open(lock_path.c_str(), O_RDONLY | O_CLOEXEC);
+  }
+
+  UniqueFd fd_;  // the flock goes with the descriptor
   bool locked_ = false;
 };
 
