@@ -180,14 +180,23 @@ std::optional<std::string> RecordSet::Field(size_t row, std::string_view name) c
   return rows[row][static_cast<size_t>(column)];
 }
 
+void DbConnection::Close() noexcept {
+  if (dbc_) database_->env().ReleaseConnectionHandle(std::move(dbc_));
+}
+
 void DbConnection::Open(std::string_view dsn, std::string_view user, std::string_view password) {
   Close();
-  DbcHandle dbc = AllocateHandle<SQL_HANDLE_DBC>(SQL_HANDLE_ENV, database_->env().get());
+  OdbcEnvironment& env = database_->env();
+  DbcHandle dbc = env.AcquireConnectionHandle();
   std::string d(dsn), u(user), p(password);
-  CheckOdbc(SQLConnect(dbc.get(), reinterpret_cast<SQLCHAR*>(d.data()), SQL_NTS,
-                       reinterpret_cast<SQLCHAR*>(u.data()), SQL_NTS,
-                       reinterpret_cast<SQLCHAR*>(p.data()), SQL_NTS),
-            SQL_HANDLE_DBC, dbc.get(), "SQLConnect");
+  const SQLRETURN rc = SQLConnect(dbc.get(), reinterpret_cast<SQLCHAR*>(d.data()), SQL_NTS,
+                                  reinterpret_cast<SQLCHAR*>(u.data()), SQL_NTS,
+                                  reinterpret_cast<SQLCHAR*>(p.data()), SQL_NTS);
+  if (!OdbcSucceeded(rc)) {
+    OdbcError error = MakeOdbcError(SQL_HANDLE_DBC, dbc.get(), "SQLConnect", rc);
+    env.ReleaseConnectionHandle(std::move(dbc));
+    throw error;
+  }
   char name[128] = {};
   SQLSMALLINT length = 0;
   if (OdbcSucceeded(SQLGetInfo(dbc.get(), SQL_DBMS_NAME, name, sizeof name, &length))) {

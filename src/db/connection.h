@@ -21,6 +21,9 @@ namespace kalvo {
 class DbConnection {
  public:
   explicit DbConnection(Database& database) : database_(&database) {}
+  ~DbConnection() { Close(); }
+  DbConnection(const DbConnection&) = delete;
+  DbConnection& operator=(const DbConnection&) = delete;
 
   Database& database() const { return *database_; }
   bool is_open() const { return static_cast<bool>(dbc_); }
@@ -30,8 +33,9 @@ class DbConnection {
 
   // Opens with SQLConnect; throws OdbcError. Closes a previous connection first.
   void Open(std::string_view dsn, std::string_view user, std::string_view password);
-  // Closes it; a closed connection stays closed. Never throws.
-  void Close() noexcept { dbc_.Reset(); }
+  // Closes it (its handle goes back to the environment for reuse); a closed connection
+  // stays closed. Never throws.
+  void Close() noexcept;
 
  private:
   Database* database_;

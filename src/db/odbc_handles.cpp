@@ -42,6 +42,27 @@ OdbcEnvironment::OdbcEnvironment(bool pooling) {
   }
 }
 
+DbcHandle OdbcEnvironment::AcquireConnectionHandle() {
+  if (!spare_.empty()) {
+    DbcHandle dbc = std::move(spare_.back());
+    spare_.pop_back();
+    return dbc;
+  }
+  return AllocateHandle<SQL_HANDLE_DBC>(SQL_HANDLE_ENV, env_.get());
+}
+
+void OdbcEnvironment::ReleaseConnectionHandle(DbcHandle dbc) noexcept {
+  if (!dbc) return;
+  SQLDisconnect(dbc.get());
+  if (spare_.size() < kMaxSpareHandles) {
+    try {
+      spare_.push_back(std::move(dbc));
+    } catch (...) {
+      // Out of memory: the handle is freed instead when `dbc` goes.
+    }
+  }
+}
+
 namespace {
 
 std::string Lower(std::string text) {

@@ -122,8 +122,7 @@ TEST_P(SchemaTest, RecreateDropsFirstAndReportsAFailedDropAboveHundred) {
 
   // A view answers the probe but refuses DROP TABLE: that one drop fails, and nothing is
   // created afterwards.
-  MustExecute(
-      {"DROP TABLE tbl_kdx_token", "CREATE VIEW tbl_kdx_token AS SELECT 1 AS x"});
+  MustExecute({"DROP TABLE tbl_kdx_token", "CREATE VIEW tbl_kdx_token AS SELECT 1 AS x"});
   stores_ = 0;
   EXPECT_EQ(Configure(4), 101);
   EXPECT_EQ(stores_, 0);
