@@ -72,10 +72,10 @@ bool DBConnect(DbConnection& connection);
 // Closes the connection; logs "DBDisconnect (OK)" and returns true.
 bool DBDisconnect(DbConnection& connection);
 
-// Executes `sql` (adapted to the engine's dialect, see AdaptStatement) and fetches its rows
-// into `result`. Logs "DBExecuteSQLCommand (OK) {<sql>}" and returns true. On failure stores
-// the native error code and message as the Database's last error, writes an error entry
-// with them, the source "DBExecuteSQLCommand" and the SQL, logs
+// Executes `sql` (adapted to the engine's dialect, see AdaptStatement; the log shows the
+// text as given) and fetches its rows into `result`. Logs "DBExecuteSQLCommand (OK) {<sql>}" and
+// returns true. On failure stores the native error code and message as the Database's last error,
+// writes an error entry with them, the source "DBExecuteSQLCommand" and the SQL, logs
 // "DBExecuteSQLCommand (Error) {<sql>}", leaves `result` unset (not open) and returns false.
 // At most `max_rows` rows are fetched (0 for a probe that only asks whether the statement
 // runs: `result` then has its columns but no rows).
