@@ -153,6 +153,8 @@ bool Server::ServiceContinue() {
 }
 
 void Server::ServiceControl(int service_event) {
+  // Parameters may have changed on disk: the next read looks at the registry file again.
+  registry_.Invalidate();
   log_.WriteLog("Service_Control (ServiceEvent = " + std::to_string(service_event) + ")");
 }
 
