@@ -12,6 +12,7 @@
 #include "infra/cdebug.h"
 #include "infra/registry.h"
 #include "infra/text_encoding.h"
+#include "infra/unique_fd.h"
 
 namespace kalvo {
 namespace {
@@ -19,33 +20,6 @@ namespace {
 constexpr std::string_view kRoot = "HKEY_LOCAL_MACHINE:Software";
 constexpr std::string_view kMaker = "Orvanta";
 constexpr std::string_view kProduct = "Zentara";
-
-// Closes a file descriptor on every path out.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-bool WriteAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    bytes.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -82,19 +56,19 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
       line = LogTimestamp() + " - " + line;
       const std::string bytes = Cp1252ToUtf8(line) + "\r\n";
       const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
-      auto fd = std::make_unique<FileDescriptor>(::open(path_.c_str(), flags, 0644));
+      UniqueFd fd(::open(path_.c_str(), flags, 0644));
       struct stat st {};
-      if (fd->get() < 0 || ::fstat(fd->get(), &st) != 0) return;
+      if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) return;
       // The write position is the file's length + 1 (1 for a new, empty file).
       const int64_t position = static_cast<int64_t>(st.st_size) + 1;
       if (static_cast<int64_t>(bytes.size() - 2) + position > limit && st.st_size > 0) {
         // The backup is always the last full generation.
-        fd.reset();
+        fd.Close();
         ::unlink(backup_path_.c_str());
         if (::rename(path_.c_str(), backup_path_.c_str()) != 0) return;
-        fd = std::make_unique<FileDescriptor>(::open(path_.c_str(), flags, 0644));
+        fd = UniqueFd(::open(path_.c_str(), flags, 0644));
       }
-      if (fd->get() < 0 || !WriteAll(fd->get(), bytes)) return;
+      if (fd.get() < 0 || !WriteAll(fd.get(), bytes)) return;
     }
     if (trace && trace_ != nullptr) trace_->Write(line, true);
   } catch (...) {

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "infra/reg_file.h"
+#include "infra/unique_fd.h"
 
 namespace kalvo {
 namespace {
@@ -22,25 +23,6 @@ constexpr auto kLockTimeout = std::chrono::seconds(10);
 // A file whose change time is this close to now may change again within the same clock
 // tick without its times changing; it is re-read until it is older than that.
 constexpr int64_t kRacyWindowNs = 20'000'000;
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) : fd_(fd) {}
-  ~UniqueFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-  // Closes now and reports whether the close succeeded (it can fail on write-back errors).
-  bool Close() {
-    const int fd = std::exchange(fd_, -1);
-    return fd < 0 || ::close(fd) == 0;
-  }
-
- private:
-  int fd_;
-};
 
 // An exclusive flock on the lock file beside the registry file, held while alive. The lock
 // lives on its own file because every write replaces the registry file's inode.
@@ -73,31 +55,6 @@ class FileLock {
   UniqueFd fd_;  // the flock goes with the descriptor
   bool locked_ = false;
 };
-
-bool ReadAll(int fd, std::string& out) {
-  char buf[65536];
-  while (true) {
-    const ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n == 0) return true;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    out.append(buf, static_cast<size_t>(n));
-  }
-}
-
-bool WriteAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    bytes.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
 
 int64_t Nanos(const timespec& t) { return int64_t{t.tv_sec} * 1'000'000'000 + t.tv_nsec; }
 
