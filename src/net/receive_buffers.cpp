@@ -55,12 +55,27 @@ bool ReceiveBuffers::SocketGetData(int index, std::string_view chunk, bool& admi
   }
 }
 
+// True for the start of a size field that has not yet reached its "|": a few digits,
+// perhaps after blanks.
+bool ReceiveBuffers::IsSizeFieldSoFar(std::string_view pending) {
+  constexpr size_t kLongestSizeField = 12;  // blanks and the ten digits of a 32-bit size
+  if (pending.empty() || pending.size() > kLongestSizeField) return false;
+  const size_t digits = pending.find_first_not_of(' ');
+  if (digits == std::string_view::npos) return false;
+  return pending.find_first_not_of("0123456789", digits) == std::string_view::npos;
+}
+
 bool ReceiveBuffers::SocketPrepareDataForExecution(int index, SocketDataStruct& current) {
   try {
     const auto it = buffers_.find(Key(index));
     if (it == buffers_.end()) return false;
     Buffer& buffer = it->second;
     const int32_t size = FrontSize(buffer);
+    if (size < 1 && IsSizeFieldSoFar(std::string_view(buffer.bytes).substr(buffer.offset))) {
+      // TCP may cut a packet anywhere, also inside its size field: the digits wait for the
+      // rest instead of being taken for garbage.
+      return false;
+    }
     if (size < 1) {
       // Garbage, a keep-alive glued to a packet, or a header cut before its "|": all of it
       // is discarded.

@@ -67,6 +67,7 @@ class ReceiveBuffers {
 
   // The size field at the buffer's front, read once per packet.
   static int32_t FrontSize(Buffer& buffer);
+  static bool IsSizeFieldSoFar(std::string_view pending);
   void Drop(int index, std::unordered_map<std::string, Buffer>::iterator it, size_t size);
 
   Log& log_;

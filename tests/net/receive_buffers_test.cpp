@@ -80,7 +80,7 @@ TEST_F(FramingTest, WhatCannotStartAPacketIsDropped) {
       {valid + "garbage", 1, "garbage behind a packet is dropped after it"},
       {"0|1|0||||0|", 0, "size 0"},
       {"-5|1|0||||0|", 0, "negative size"},
-      {"1", 0, "a size field cut before its separator: no size yet, dropped"},
+      {"12345678901234", 0, "digits longer than any size field"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(Arrive(2, c.chunk).size(), c.executed) << c.why;
@@ -91,6 +91,13 @@ TEST_F(FramingTest, WhatCannotStartAPacketIsDropped) {
   if (log_works_) {
     EXPECT_EQ(capture_.Count("KeepAlive received"), 0);
   }
+}
+
+TEST_F(FramingTest, PacketCutInsideItsSizeFieldWaitsForTheRest) {
+  const std::string wire = Wire(capture_.log(), 115, "backup");
+  EXPECT_TRUE(Arrive(3, wire.substr(0, 1)).empty());
+  EXPECT_TRUE(buffers_.Contains(3));
+  EXPECT_EQ(Data(Arrive(3, wire.substr(1))), (Strings{"backup"}));
 }
 
 TEST_F(FramingTest, KeepAliveAloneIsLoggedOnceAndExecutesNothing) {
