@@ -171,6 +171,36 @@ TEST(ServerE2E, StartedByHandWithoutForegroundEndsWithAMessage) {
   fs::remove_all(dir);
 }
 
+// Runs `command` with a shell and gives what it printed on standard output.
+std::string Output(const std::string& command) {
+  std::string out;
+  if (FILE* pipe = ::popen(command.c_str(), "r")) {
+    char buf[4096];
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
+    ::pclose(pipe);
+  }
+  return out;
+}
+
+TEST(ServerE2E, ConsoleToolSendsAndListens) {
+  ServerProcess server;
+  const std::string tool = std::string(KALVO_BUILD_DIR) + "/kalvoctl";
+  const std::string port = std::to_string(server.port());
+  EXPECT_EQ(Output(tool + " send --port " + port + " --id 311 --timeout 0.5 --json"),
+            "{\"PackageSize\":14,\"PackageID\":311,\"Reserved\":0,\"Misc1\":\"\","
+            "\"Misc2\":\"\",\"Misc3\":\"\",\"DataSize\":0,\"Data\":\"\"}\n");
+  // A listening console hears of the client that goes.
+  FILE* listener = ::popen(
+      (tool + " listen --port " + port + " --count 1 --duration 10 --json").c_str(), "r");
+  ASSERT_TRUE(server.WaitForLog("DoSocketAction: ID: 401 Socket: 1 Daten gesendet"));
+  { Client client(server.port()); }
+  std::string heard;
+  char buf[4096];
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, listener)) > 0;) heard.append(buf, n);
+  ::pclose(listener);
+  EXPECT_NE(heard.find("\"PackageID\":102"), std::string::npos) << heard;
+}
+
 TEST(ServerE2E, StatusEndpointReportsTheConnections) {
   ServerProcess server;
   Client client(server.port());
