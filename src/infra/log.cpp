@@ -41,11 +41,24 @@ std::string Log::LogPathFor(const ProgramInfo& program) {
   return dir + program.name + ".log";
 }
 
+void Log::ReadSettings(int32_t& level, int64_t& max_mib) {
+  // Reading both values costs far more than a line; they can only have changed when the
+  // store holds a new version of the registry file.
+  std::shared_ptr<const RegDocument> doc = registry_.Snapshot();
+  if (doc != settings_doc_) {
+    level_ = RegistryRead(registry_, kRoot, kMaker, kProduct, "LogLevel", 0).ToLong();
+    max_mib_ = RegistryRead(registry_, kRoot, kMaker, kProduct, "LogMaxSize", 5).ToLong();
+    settings_doc_ = std::move(doc);
+  }
+  level = level_;
+  max_mib = max_mib_;
+}
+
 void Log::WriteLog(std::string_view message, bool force, bool trace) {
   try {
-    int32_t level = RegistryRead(registry_, kRoot, kMaker, kProduct, "LogLevel", 0).ToLong();
-    const int64_t max_mib =
-        RegistryRead(registry_, kRoot, kMaker, kProduct, "LogMaxSize", 5).ToLong();
+    int32_t level;
+    int64_t max_mib;
+    ReadSettings(level, max_mib);
     if (level == 0 && force) level = 1;
     std::string line(message);
     if (level > 0) {

@@ -4,10 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "infra/program_info.h"
+#include "infra/reg_document.h"
 #include "infra/registry_store.h"
 
 namespace kalvo {
@@ -41,7 +43,15 @@ class Log {
   const std::string& path() const { return path_; }
 
  private:
+  // Reads LogLevel and LogMaxSize as the registry holds them now.
+  void ReadSettings(int32_t& level, int64_t& max_mib);
+
   RegistryStore& registry_;
+  // The two settings as read from `settings_doc_`; read again whenever the store holds
+  // another version of the registry than the one they came from.
+  std::shared_ptr<const RegDocument> settings_doc_;
+  int32_t level_ = 0;
+  int64_t max_mib_ = 5;
   std::string path_;
   std::string backup_path_;
   CDebug* trace_ = nullptr;
