@@ -1,6 +1,6 @@
 // WriteLog at LogLevel 1 (two registry reads, a size query and an open-append-close per
 // line) beside a bare open-append-close loop of the same lines, measured in the same run.
-// Run: build/bench/log_bench  (items_per_second = lines/s)
+// Run: build/bench/log_bench  (items_per_second = lines/s of wall-clock time)
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -36,7 +36,7 @@ void BM_WriteLog(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
   fs::remove_all(dir);
 }
-BENCHMARK(BM_WriteLog)->MinTime(2.0);
+BENCHMARK(BM_WriteLog)->MinTime(2.0)->UseRealTime();
 
 // The floor: the same dated line appended with open, write and close, nothing else.
 void BM_BareOpenAppendClose(benchmark::State& state) {
@@ -51,7 +51,7 @@ void BM_BareOpenAppendClose(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
   fs::remove_all(dir);
 }
-BENCHMARK(BM_BareOpenAppendClose)->MinTime(2.0);
+BENCHMARK(BM_BareOpenAppendClose)->MinTime(2.0)->UseRealTime();
 
 }  // namespace
 
