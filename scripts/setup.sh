@@ -23,17 +23,19 @@ fi
 jobs=$(nproc)
 build() {  # build <dir> <cmake args...>
   local dir=$1; shift
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake -S . -B "$dir" "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
 }
 
 if [ "$mode" = run ]; then
-  build build
+  build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
   exec scripts/run-local.sh build
 fi
 
-build build
-build build-asan -DKALVO_SANITIZE=ON
+# The sanitizer build is optimised lightly and carries no debug information beyond what its
+# reports need: that keeps the whole run short on two cores.
+build build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+build build-asan -DKALVO_SANITIZE=ON -DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1 -g1"
 status=0
 (cd build-asan && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
 (cd build && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
