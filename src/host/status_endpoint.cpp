@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "infra/json_text.h"
 #include "infra/log.h"
 #include "infra/runtime_error.h"
 #include "infra/text_encoding.h"
@@ -55,38 +56,6 @@ constexpr std::chrono::milliseconds kAcceptRetryDelay{100};
 
 using Request = http::request<http::string_body>;
 using Response = http::response<http::string_body>;
-
-void AppendJsonString(std::string& out, std::string_view cp1252) {
-  out += '"';
-  for (const char c : Cp1252ToUtf8(cp1252)) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
-          out += escaped;
-        } else {
-          out += c;
-        }
-    }
-  }
-  out += '"';
-}
 
 void AppendMetric(std::string& out, std::string_view name, std::string_view type,
                   std::string_view help, int64_t value) {
@@ -304,7 +273,7 @@ std::string RenderStatusJson(const StatusSnapshot& snapshot) {
   out += snapshot.paused ? "true" : "false";
   out += ",\"port\":" + std::to_string(snapshot.port);
   out += ",\"serverStartTime\":";
-  AppendJsonString(out, snapshot.server_start_time);
+  out += JsonString(snapshot.server_start_time);
   out += ",\"startTimeUnix\":";
   out += snapshot.start_time_unix != 0 ? std::to_string(snapshot.start_time_unix) : "null";
   out += ",\"bytesSent\":" + std::to_string(snapshot.bytes_sent);

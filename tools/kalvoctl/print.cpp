@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "infra/json_text.h"
 #include "infra/text_encoding.h"
 
 namespace kalvo::ctl {
@@ -48,39 +49,6 @@ std::string EscapeForText(const std::string& text) {
 }
 
 }  // namespace
-
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  out.reserve(text.size() + 2);
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20 || c == 0x7F) {
-          out += "\\u00" + Hex2(c);
-        } else {
-          out += ch;
-        }
-    }
-  }
-  // The escapes are ASCII, so converting afterwards touches only the bytes from 0x80.
-  return Cp1252ToUtf8(out) + "\"";
-}
 
 std::string FormatPacketText(const SocketDataStruct& p) {
   std::string out;

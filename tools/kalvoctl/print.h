@@ -17,7 +17,4 @@ std::string FormatPacketText(const SocketDataStruct& packet);
 // strings (UTF-8, control characters as \uXXXX escapes).
 std::string FormatPacketJson(const SocketDataStruct& packet);
 
-// `text` (Windows-1252) as a quoted JSON string in UTF-8.
-std::string JsonString(const std::string& text);
-
 }  // namespace kalvo::ctl
