@@ -68,6 +68,8 @@ void ConnectionTable::Accept() {
     if (!ec) {
       boost::system::error_code ignored;
       socket.set_option(tcp::no_delay(true), ignored);
+      // Reads are made when the socket is ready and must never block the one thread.
+      socket.non_blocking(true, ignored);
       const auto remote = socket.remote_endpoint(ignored);
       const int index = TakeLowestFreeIndex();
       if (index > 0) {
@@ -123,7 +125,6 @@ void ConnectionTable::WaitRead(int index) {
 void ConnectionTable::ReadAvailable(int index) {
   Slot* slot = Find(index);
   boost::system::error_code ec;
-  slot->socket.non_blocking(true, ec);
   const size_t n = slot->socket.read_some(asio::buffer(read_buffer_), ec);
   if (ec == asio::error::would_block || ec == asio::error::try_again) {
     WaitRead(index);
