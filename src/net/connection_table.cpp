@@ -2,20 +2,23 @@
 
 #include <boost/asio/ip/address_v4.hpp>
 #include <boost/asio/write.hpp>
+#include <algorithm>
+#include <array>
 
 namespace kalvo {
 
 namespace asio = boost::asio;
 using asio::ip::tcp;
 
-// One connection. Idle connections are kept small: no per-connection read buffer (readiness
-// is awaited, then the data is read into the table's shared buffer) and no write buffers
-// until something is sent.
+// One connection. Idle connections are kept small: only a small buffer for the first bytes of
+// a read (the rest is read into the table's shared buffer) and no write buffers until
+// something is sent.
 struct ConnectionTable::Slot {
   explicit Slot(tcp::socket s) : socket(std::move(s)) {}
   tcp::socket socket;
   std::string tag;
   std::string remote_address;
+  std::array<char, 128> first_bytes;  // the read in progress lands here
   std::string writing;  // the bytes of the write in flight
   std::string queued;   // bytes waiting for the write in flight to finish
   bool connected = true;
@@ -109,30 +112,36 @@ ConnectionTable::Slot* ConnectionTable::Find(int index) const {
 void ConnectionTable::WaitRead(int index) {
   Slot* slot = Find(index);
   if (slot == nullptr || !slot->connected) return;
-  slot->socket.async_wait(tcp::socket::wait_read,
-                          [this, index, generation = slot->generation,
-                           ptr = slot](const boost::system::error_code& ec) {
-                            Slot* now = Find(index);
-                            if (now != ptr || now->generation != generation) return;
-                            if (ec) {
-                              if (ec != asio::error::operation_aborted) Fail(index, ec);
-                              return;
-                            }
-                            ReadAvailable(index);
-                          });
+  // The first bytes go into the slot's own small buffer: the read is tried at once and only
+  // waits when nothing is there, without re-arming the poller for every packet.
+  slot->socket.async_read_some(
+      asio::buffer(slot->first_bytes),
+      [this, index, generation = slot->generation, ptr = slot](
+          const boost::system::error_code& ec, size_t n) {
+        Slot* now = Find(index);
+        if (now != ptr || now->generation != generation) return;
+        if (ec) {
+          if (ec != asio::error::operation_aborted) Fail(index, ec);
+          return;
+        }
+        ReadAvailable(index, n);
+      });
 }
 
-void ConnectionTable::ReadAvailable(int index) {
+void ConnectionTable::ReadAvailable(int index, size_t first) {
   Slot* slot = Find(index);
-  boost::system::error_code ec;
-  const size_t n = slot->socket.read_some(asio::buffer(read_buffer_), ec);
-  if (ec == asio::error::would_block || ec == asio::error::try_again) {
-    WaitRead(index);
-    return;
-  }
-  if (ec) {
-    Fail(index, ec);
-    return;
+  std::copy_n(slot->first_bytes.begin(), first, read_buffer_.begin());
+  size_t n = first;
+  if (first == slot->first_bytes.size()) {
+    // The small buffer is full: whatever else is waiting joins this chunk.
+    boost::system::error_code ec;
+    n += slot->socket.read_some(asio::buffer(read_buffer_.data() + first,
+                                             read_buffer_.size() - first),
+                                ec);
+    if (ec && ec != asio::error::would_block && ec != asio::error::try_again) {
+      // Serve what arrived; the error shows again on the next read.
+      n = first;
+    }
   }
   try {
     events_.OnDataArrival(index, std::string_view(read_buffer_.data(), n));

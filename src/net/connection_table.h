@@ -75,7 +75,7 @@ class ConnectionTable {
   struct Slot;
   void Accept();
   void WaitRead(int index);
-  void ReadAvailable(int index);
+  void ReadAvailable(int index, size_t first);
   void StartWrite(int index);
   void Fail(int index, const boost::system::error_code& ec);
   Slot* Find(int index) const;
