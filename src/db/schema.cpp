@@ -1,13 +1,12 @@
 #include "db/schema.h"
 
 #include <array>
-#include <charconv>
 #include <cmath>
-#include <limits>
 #include <vector>
 
 #include "infra/arrays.h"
 #include "infra/log.h"
+#include "infra/numbers.h"
 #include "infra/runtime_error.h"
 
 namespace kalvo {
@@ -130,21 +129,6 @@ bool InsertDefaultData(DbConnection& connection, int index, const LanguageLookup
 
 // A whole number the way the configuration fields carry it: blanks around it allowed,
 // decimals rounded half to even; anything else is a type mismatch.
-int32_t ToInt32(std::string_view text) {
-  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
-  double value = 0;
-  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || ec != std::errc() || end != text.data() + text.size()) {
-    throw RuntimeError(kErrTypeMismatch, "Type mismatch");
-  }
-  value = std::nearbyint(value);
-  if (value < std::numeric_limits<int32_t>::min() || value > std::numeric_limits<int32_t>::max()) {
-    throw RuntimeError(kErrOverflow, "Overflow");
-  }
-  return static_cast<int32_t>(value);
-}
-
 }  // namespace
 
 std::string_view TableStateName(TableState state) {
@@ -255,10 +239,10 @@ int32_t DBConfigDatabase(Database& database, std::string_view parameters, int32_
     s.user = hooks.decrypt ? hooks.decrypt(fields[1]) : fields[1];
     s.password = hooks.decrypt ? hooks.decrypt(fields[2]) : fields[2];
     s.string_type = fields[3];
-    s.string_max_size = ToInt32(fields[4]);
+    s.string_max_size = NumericTextToInt32(fields[4]);
     s.number_type = fields[5];
     s.blob_type = fields[6];
-    s.blob_max_size = ToInt32(fields[7]);
+    s.blob_max_size = NumericTextToInt32(fields[7]);
 
     DbConnection connection(database);
     if (!DBConnect(connection, s.dsn, s.user, s.password)) {

@@ -1,6 +1,12 @@
 #include "infra/numbers.h"
 
+#include <cctype>
+#include <climits>
 #include <cmath>
+#include <cstdlib>
+#include <string>
+
+#include "infra/runtime_error.h"
 
 namespace kalvo {
 namespace {
@@ -38,6 +44,40 @@ double RoundDirected(double value, int digits, std::string_view direction) {
     return 0;
   }
   return result;
+}
+
+bool IsNumericText(std::string_view text) {
+  size_t i = 0;
+  auto skip_blanks = [&] {
+    while (i < text.size() && text[i] == ' ') ++i;
+  };
+  skip_blanks();
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
+  size_t digits = 0;
+  while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) ++i, ++digits;
+  if (i < text.size() && text[i] == '.') {
+    ++i;
+    while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) ++i, ++digits;
+  }
+  if (digits == 0) return false;
+  if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
+    ++i;
+    if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
+    size_t exp_digits = 0;
+    while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) {
+      ++i, ++exp_digits;
+    }
+    if (exp_digits == 0) return false;
+  }
+  skip_blanks();
+  return i == text.size();
+}
+
+int32_t NumericTextToInt32(std::string_view text) {
+  if (!IsNumericText(text)) throw RuntimeError(kErrTypeMismatch, "Type mismatch");
+  const double d = RoundHalfEven(std::strtod(std::string(text).c_str(), nullptr));
+  if (!(d >= INT32_MIN && d <= INT32_MAX)) throw RuntimeError(kErrOverflow, "Overflow");
+  return static_cast<int32_t>(d);
 }
 
 }  // namespace kalvo

@@ -1,6 +1,7 @@
 // Directed rounding of numbers.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 namespace kalvo {
@@ -15,5 +16,13 @@ namespace kalvo {
 // - digits < 0: rounds half to even to a whole number; the direction is not looked at.
 // Never fails; a value that is not finite is given back unchanged (0 for a bad direction).
 double RoundDirected(double value, int digits, std::string_view direction);
+
+// True when `text` is a number as a numeric conversion takes it: optional blanks and sign,
+// digits with at most one decimal point, an optional exponent. "" is not numeric.
+bool IsNumericText(std::string_view text);
+
+// `text` converted to a 32-bit integer, rounded half to even. Throws RuntimeError 13 (type
+// mismatch) when the text is not numeric and 6 (overflow) when the value does not fit.
+int32_t NumericTextToInt32(std::string_view text);
 
 }  // namespace kalvo

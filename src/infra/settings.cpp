@@ -1,28 +1,22 @@
 #include "infra/settings.h"
 
 #include <cctype>
-#include <charconv>
 #include <cmath>
 #include <cstdlib>
 
 #include "infra/log.h"
+#include "infra/numbers.h"
 #include "infra/registry.h"
 #include "infra/runtime_error.h"
 
 namespace kalvo {
 namespace {
 
-[[noreturn]] void TypeMismatch() { throw RuntimeError(kErrTypeMismatch, "Type mismatch"); }
-
 // A number as a conversion to a 32-bit integer does it: numbers pass, numeric texts are
 // rounded, anything else is a type mismatch.
 int32_t ToInt32(const RegistryValue& value) {
   if (value.IsNumber()) return value.ToLong();
-  const std::string text = value.ToText();
-  if (!IsNumericText(text)) TypeMismatch();
-  const double d = std::nearbyint(std::strtod(text.c_str(), nullptr));
-  if (d < INT32_MIN || d > INT32_MAX) throw RuntimeError(kErrOverflow, "Overflow");
-  return static_cast<int32_t>(d);
+  return NumericTextToInt32(value.ToText());
 }
 
 // A Boolean as a conversion does it: numbers are true when not 0; the texts "True" and
@@ -37,33 +31,6 @@ bool ToBool(const RegistryValue& value) {
 }
 
 }  // namespace
-
-bool IsNumericText(std::string_view text) {
-  size_t i = 0;
-  auto skip_blanks = [&] {
-    while (i < text.size() && text[i] == ' ') ++i;
-  };
-  skip_blanks();
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
-  size_t digits = 0;
-  while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) ++i, ++digits;
-  if (i < text.size() && text[i] == '.') {
-    ++i;
-    while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) ++i, ++digits;
-  }
-  if (digits == 0) return false;
-  if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
-    ++i;
-    if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
-    size_t exp_digits = 0;
-    while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) {
-      ++i, ++exp_digits;
-    }
-    if (exp_digits == 0) return false;
-  }
-  skip_blanks();
-  return i == text.size();
-}
 
 void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& s) {
   auto read = [&](std::string_view sub_key, std::string_view name, const RegistryValue& def) {
@@ -153,20 +120,18 @@ bool CheckRegistrySettings(const Settings& s, Log& log, std::string* failure) {
 int32_t ChooseServerPort(const Settings& s, std::string* reason) {
   std::string why;
   int32_t port = kDefaultServerPort;
-  const std::string& text = s.server_local_port;
-  const bool zero = IsNumericText(text) && std::strtod(text.c_str(), nullptr) == 0;
-  if (zero) {
+  int32_t value = -1;
+  try {
+    value = NumericTextToInt32(s.server_local_port);
+  } catch (const RuntimeError&) {
+    // Not a number, or far out of range: invalid.
+  }
+  if (value == 0) {
     why = "ServerLocalPort not found in registry -> assuming default port 15243";
+  } else if (value > 0 && value <= 65535) {
+    port = value;
   } else {
-    int32_t value = 0;
-    const char* first = text.data();
-    const char* last = text.data() + text.size();
-    auto [p, ec] = std::from_chars(first, last, value);
-    if (ec == std::errc() && p == last && value > 0 && value <= 65535) {
-      port = value;
-    } else {
-      why = "ServerLocalPort invalid -> assuming default port 15243";
-    }
+    why = "ServerLocalPort invalid -> assuming default port 15243";
   }
   if (reason != nullptr) *reason = why;
   return port;

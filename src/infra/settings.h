@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "infra/numbers.h"  // IsNumericText, used by the checks
 #include "infra/registry_store.h"
 
 namespace kalvo {
@@ -64,10 +65,6 @@ using Decipher = std::function<std::string(std::string_view cipher_text)>;
 // be converted (a text where a number is expected) throws RuntimeError 13 ("Type
 // mismatch"); the values read before it are kept, the rest keep their defaults.
 void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& settings);
-
-// True when `text` is numeric as a settings check means it: optional blanks and sign, digits,
-// at most one decimal point, optional exponent. "" is not numeric.
-bool IsNumericText(std::string_view text);
 
 // Runs the start-up checks in order and stops at the first failure, which it logs (German).
 // Gives true when all pass. `failure`, when given, receives the failing check's line.

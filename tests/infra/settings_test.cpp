@@ -183,3 +183,32 @@ TEST(IsNumericText, AcceptsWhatANumericConversionAccepts) {
 
 }  // namespace
 }  // namespace kalvo
+
+namespace kalvo {
+namespace {
+
+TEST(ChooseServerPortTest, UsesEveryValueTheCheckCallsANumber) {
+  const struct {
+    const char* stored;
+    int32_t port;
+    const char* reason;
+  } cases[] = {
+      {"0", 15243, "ServerLocalPort not found in registry -> assuming default port 15243"},
+      {" 8080 ", 8080, ""},   // blanks, as the numeric check allows
+      {"8080.0", 8080, ""},   // a decimal that is a whole number
+      {"80", 80, ""},         // outside the checked range, still used
+      {"abc", 15243, "ServerLocalPort invalid -> assuming default port 15243"},
+      {"70000", 15243, "ServerLocalPort invalid -> assuming default port 15243"},
+      {"nan", 15243, "ServerLocalPort invalid -> assuming default port 15243"},
+  };
+  for (const auto& c : cases) {
+    Settings s;
+    s.server_local_port = c.stored;
+    std::string reason;
+    EXPECT_EQ(ChooseServerPort(s, &reason), c.port) << c.stored;
+    EXPECT_EQ(reason, c.reason) << c.stored;
+  }
+}
+
+}  // namespace
+}  // namespace kalvo
