@@ -10,8 +10,8 @@
 namespace kalvo {
 
 DatabaseSettings DatabaseSettingsFrom(const Settings& s) {
-  return {s.dsn,         s.login_user, s.login_pass,    s.string_type,
-          s.string_max_size, s.number_type, s.blob_type, s.blob_max_size};
+  return {s.dsn,         s.login_user, s.login_pass,   s.string_type, s.string_max_size,
+          s.number_type, s.blob_type,  s.blob_max_size};
 }
 
 Server::Server(boost::asio::io_context& io, ServerOptions options)
@@ -42,17 +42,17 @@ void Server::FormLoad() {
       log_.WriteLog("Language file was not found -> loading will be stopped");
       stop_loading_ = true;
     } else if (!options_.started_as_service) {
-      const std::string text = language_.GetLanguageString("MSGBOX_SERVER",
-                                                           "ERROR_NO_SERVICE_START");
+      const std::string text =
+          language_.GetLanguageString("MSGBOX_SERVER", "ERROR_NO_SERVICE_START");
       const std::string title = language_.GetLanguageString("MAINWIN_SERVER", "TITLE");
-      std::fprintf(stderr, "%s: %s\n", Cp1252ToUtf8(title).c_str(),
-                   Cp1252ToUtf8(text).c_str());
+      std::fprintf(stderr, "%s: %s\n", Cp1252ToUtf8(title).c_str(), Cp1252ToUtf8(text).c_str());
       log_.WriteLog("Not starting as service -> loading will be stopped");
       stop_loading_ = true;
     } else {
       stop_loading_ = false;
-      log_.WriteLog("Starting as service and language file was found -> loading will be "
-                    "continued");
+      log_.WriteLog(
+          "Starting as service and language file was found -> loading will be "
+          "continued");
     }
     if (stop_loading_) return;
 
@@ -61,6 +61,13 @@ void Server::FormLoad() {
     // Whatever was read, also when reading stopped early, is what the database uses.
     database_.set_settings(DatabaseSettingsFrom(settings_));
     log_.WriteLog("DoStartupSettings completed");
+    if (settings_.max_package_size < 1) {
+      // A bound below one byte would drop every packet: the server would listen and never
+      // answer.
+      log_.WriteLog("MaxPackageSize " + std::to_string(settings_.max_package_size) +
+                    " is not usable -> assuming " + std::to_string(kDefaultMaxPackageSize));
+      settings_.max_package_size = kDefaultMaxPackageSize;
+    }
     receive_buffers_.set_max_package_size(settings_.max_package_size);
     registry_settings_ok_ = CheckRegistrySettings(settings_, log_);
     log_.WriteLog(std::string("Checking registry settings resulted ") +
@@ -72,8 +79,8 @@ void Server::FormLoad() {
     server_local_port_ = port;
     std::string error;
     if (!connections_.Listen(static_cast<uint16_t>(port), &error, options_.listen_address)) {
-      throw RuntimeError(10048, "Address in use or not available: port " +
-                                    std::to_string(port) + " (" + error + ")");
+      throw RuntimeError(10048, "Address in use or not available: port " + std::to_string(port) +
+                                    " (" + error + ")");
     }
     log_.WriteLog("Now listening on port " + std::to_string(connections_.LocalPort()));
 
@@ -89,8 +96,7 @@ void Server::FormLoad() {
     LogCurrentException(log_, "Form_Load");
     // Without a listening port the service has nothing to offer: end it, so that the
     // service manager sees the failure instead of an idle process.
-    std::fprintf(stderr, "kalvosrv: loading failed, see the log file %s\n",
-                 log_.path().c_str());
+    std::fprintf(stderr, "kalvosrv: loading failed, see the log file %s\n", log_.path().c_str());
     stop_loading_ = true;
   }
 }
@@ -98,8 +104,8 @@ void Server::FormLoad() {
 void Server::DoStartupSettings() {
   try {
     const std::string key = VersionInfoKeyText();
-    ReadSettings(registry_, [&key](std::string_view cipher) { return DecryptText(cipher, key); },
-                 settings_);
+    ReadSettings(
+        registry_, [&key](std::string_view cipher) { return DecryptText(cipher, key); }, settings_);
     state_.admin_login_flag = false;
     title_ = language_.GetLanguageString("MAINWIN_SERVER", "TITLE");
     menu_status_ = language_.GetLanguageString("MENU_SERVER", "STATUS");
@@ -264,9 +270,9 @@ void Server::OnClose(int index) { SocketClose(index); }
 void Server::OnError(int index, int number, const std::string& description) {
   try {
     audit_.DBLogClientAction(connections_.ConnectionTag(index), AuditAction::kError,
-                              connections_.RemoteAddress(index), "");
-    log_.WriteLog("Socket_Error: " + std::to_string(index) + " ErrorNr: " +
-                  std::to_string(number) + " ErrorDesc: " + description);
+                             connections_.RemoteAddress(index), "");
+    log_.WriteLog("Socket_Error: " + std::to_string(index) + " ErrorNr: " + std::to_string(number) +
+                  " ErrorDesc: " + description);
   } catch (...) {
     LogCurrentException(log_, "Socket_Error");
   }

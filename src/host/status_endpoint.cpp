@@ -300,10 +300,10 @@ std::string RenderStatusMetrics(const StatusSnapshot& snapshot) {
   // The byte counts are 32-bit and stop at their limit instead of wrapping, which a counter
   // must not do; a gauge says honestly what they are.
   AppendMetric(out, "kalvosrv_bytes_sent", "gauge",
-               "Bytes sent since the start (32-bit, stays at 2147483647 once reached).",
+               "Bytes sent since the start (32-bit; stops counting at the limit, the addition that would overflow is dropped).",
                snapshot.bytes_sent);
   AppendMetric(out, "kalvosrv_bytes_received", "gauge",
-               "Bytes received since the start (32-bit, stays at its limit once reached).",
+               "Bytes received since the start (32-bit; stops counting at the limit).",
                snapshot.bytes_received);
   AppendMetric(out, "kalvosrv_connections", "gauge", "Open client connections.",
                snapshot.connection_count);

@@ -72,10 +72,10 @@ void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& s
   s.max_package_size = number("KDX", "MaxPackageSize", kDefaultMaxPackageSize);
   s.status_port = number("KDX", "StatusPort", kDefaultStatusPort);
   s.certificate_library = read("KDX", "CertificateLibrary", "../libbrennic.so").ToText();
-  const std::string tray = RegistryRead(registry, "HKEY_LOCAL_MACHINE:System",
-                                        "CurrentControlSet\\Services", "KalvoSrv\\Parameters",
-                                        "Taskbaricon", "1")
-                               .ToText();
+  const std::string tray =
+      RegistryRead(registry, "HKEY_LOCAL_MACHINE:System", "CurrentControlSet\\Services",
+                   "KalvoSrv\\Parameters", "Taskbaricon", "1")
+          .ToText();
   s.tray_enabled = ToBool(RegistryValue(tray));
 }
 

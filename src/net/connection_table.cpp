@@ -1,9 +1,9 @@
 #include "net/connection_table.h"
 
-#include <boost/asio/ip/address_v4.hpp>
-#include <boost/asio/write.hpp>
 #include <algorithm>
 #include <array>
+#include <boost/asio/ip/address_v4.hpp>
+#include <boost/asio/write.hpp>
 
 namespace kalvo {
 
@@ -19,15 +19,18 @@ struct ConnectionTable::Slot {
   std::string tag;
   std::string remote_address;
   std::array<char, 128> first_bytes;  // the read in progress lands here
-  std::string writing;  // the bytes of the write in flight
-  std::string queued;   // bytes waiting for the write in flight to finish
+  std::string writing;                // the bytes of the write in flight
+  std::string queued;                 // bytes waiting for the write in flight to finish
   bool connected = true;
-  // Bumped on unload so that completions of an earlier occupant of the index are ignored.
-  uint64_t generation = 0;
 };
 
 ConnectionTable::ConnectionTable(asio::io_context& io, ConnectionEvents& events)
-    : io_(io), events_(events), acceptor_(io), slots_(1), read_buffer_(64 * 1024) {}
+    : io_(io),
+      events_(events),
+      acceptor_(io),
+      accept_retry_(io),
+      slots_(1),
+      read_buffer_(64 * 1024) {}
 
 ConnectionTable::~ConnectionTable() { CloseAll(); }
 
@@ -63,32 +66,44 @@ bool ConnectionTable::IsListening() const { return acceptor_.is_open(); }
 void ConnectionTable::StopListening() {
   boost::system::error_code ignored;
   acceptor_.close(ignored);
+  accept_retry_.cancel();
 }
 
 void ConnectionTable::Accept() {
   acceptor_.async_accept([this](const boost::system::error_code& ec, tcp::socket socket) {
     if (ec == asio::error::operation_aborted || !acceptor_.is_open()) return;
-    if (!ec) {
-      boost::system::error_code ignored;
-      socket.set_option(tcp::no_delay(true), ignored);
-      // Reads are made when the socket is ready and must never block the one thread.
-      socket.non_blocking(true, ignored);
-      const auto remote = socket.remote_endpoint(ignored);
-      const int index = TakeLowestFreeIndex();
-      if (index > 0) {
-        auto& slot = slots_[index];
-        slot = std::make_unique<Slot>(std::move(socket));
-        slot->remote_address = remote.address().is_v4() ? remote.address().to_v4().to_string()
-                                                         : remote.address().to_string();
-        ++count_;
-        try {
-          events_.OnConnectionRequest(index, slot->remote_address, ++request_id_);
-        } catch (...) {
-        }
-        if (IsLoaded(index)) WaitRead(index);
+    if (ec) {
+      // Out of descriptors, for example: the connection stays in the backlog, so accepting
+      // again at once would spin. Report it and try again a little later.
+      try {
+        events_.OnError(0, ec.value(), ec.message());
+      } catch (...) {
       }
-      // With every 16-bit index taken the connection is dropped: `socket` closes here.
+      accept_retry_.expires_after(std::chrono::milliseconds(100));
+      accept_retry_.async_wait([this](const boost::system::error_code& wait_ec) {
+        if (!wait_ec && acceptor_.is_open()) Accept();
+      });
+      return;
     }
+    boost::system::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
+    // Reads are made when the socket is ready and must never block the one thread.
+    socket.non_blocking(true, ignored);
+    const auto remote = socket.remote_endpoint(ignored);
+    const int index = TakeLowestFreeIndex();
+    if (index > 0) {
+      auto& slot = slots_[index];
+      slot = std::make_unique<Slot>(std::move(socket));
+      slot->remote_address = remote.address().is_v4() ? remote.address().to_v4().to_string()
+                                                      : remote.address().to_string();
+      ++count_;
+      try {
+        events_.OnConnectionRequest(index, slot->remote_address, ++request_id_);
+      } catch (...) {
+      }
+      if (IsLoaded(index)) WaitRead(index);
+    }
+    // With every 16-bit index taken the connection is dropped: `socket` closes here.
     Accept();
   });
 }
@@ -116,10 +131,9 @@ void ConnectionTable::WaitRead(int index) {
   // waits when nothing is there, without re-arming the poller for every packet.
   slot->socket.async_read_some(
       asio::buffer(slot->first_bytes),
-      [this, index, generation = slot->generation, ptr = slot](
-          const boost::system::error_code& ec, size_t n) {
+      [this, index, ptr = slot](const boost::system::error_code& ec, size_t n) {
         Slot* now = Find(index);
-        if (now != ptr || now->generation != generation) return;
+        if (now != ptr) return;
         if (ec) {
           if (ec != asio::error::operation_aborted) Fail(index, ec);
           return;
@@ -135,9 +149,8 @@ void ConnectionTable::ReadAvailable(int index, size_t first) {
   if (first == slot->first_bytes.size()) {
     // The small buffer is full: whatever else is waiting joins this chunk.
     boost::system::error_code ec;
-    n += slot->socket.read_some(asio::buffer(read_buffer_.data() + first,
-                                             read_buffer_.size() - first),
-                                ec);
+    n += slot->socket.read_some(
+        asio::buffer(read_buffer_.data() + first, read_buffer_.size() - first), ec);
     if (ec && ec != asio::error::would_block && ec != asio::error::try_again) {
       // Serve what arrived; the error shows again on the next read.
       n = first;
@@ -180,31 +193,29 @@ bool ConnectionTable::Send(int index, std::string bytes) {
 void ConnectionTable::StartWrite(int index) {
   Slot* slot = Find(index);
   if (slot->writing.empty()) return;
-  asio::async_write(
-      slot->socket, asio::buffer(slot->writing),
-      [this, index, generation = slot->generation, ptr = slot](
-          const boost::system::error_code& ec, size_t written) {
-        Slot* now = Find(index);
-        if (now != ptr || now->generation != generation) return;
-        if (ec) {
-          if (ec != asio::error::operation_aborted) Fail(index, ec);
-          return;
-        }
-        try {
-          events_.OnSendProgress(index, written);
-        } catch (...) {
-        }
-        now = Find(index);
-        if (now != ptr) return;
-        now->writing.clear();
-        now->writing.swap(now->queued);
-        if (now->writing.empty()) {
-          now->writing.shrink_to_fit();
-          now->queued.shrink_to_fit();
-        } else {
-          StartWrite(index);
-        }
-      });
+  asio::async_write(slot->socket, asio::buffer(slot->writing),
+                    [this, index, ptr = slot](const boost::system::error_code& ec, size_t written) {
+                      Slot* now = Find(index);
+                      if (now != ptr) return;
+                      if (ec) {
+                        if (ec != asio::error::operation_aborted) Fail(index, ec);
+                        return;
+                      }
+                      try {
+                        events_.OnSendProgress(index, written);
+                      } catch (...) {
+                      }
+                      now = Find(index);
+                      if (now != ptr) return;
+                      now->writing.clear();
+                      now->writing.swap(now->queued);
+                      if (now->writing.empty()) {
+                        now->writing.shrink_to_fit();
+                        now->queued.shrink_to_fit();
+                      } else {
+                        StartWrite(index);
+                      }
+                    });
 }
 
 void ConnectionTable::Unload(int index) {
@@ -213,9 +224,9 @@ void ConnectionTable::Unload(int index) {
   boost::system::error_code ignored;
   slot->socket.shutdown(tcp::socket::shutdown_both, ignored);
   slot->socket.close(ignored);
-  ++slot->generation;
-  // Pending completions hold the old pointer and compare it: keep the object alive until they
-  // ran by handing it to the io_context.
+  // Pending completions compare the slot they were started for with the one now at their
+  // index: keep the object alive until they ran by handing it to the io_context, so no new
+  // slot can take its address meanwhile.
   asio::post(io_, [doomed = std::move(slots_[index])] {});
   free_indices_.insert(index);
   --count_;

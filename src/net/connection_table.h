@@ -5,6 +5,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -29,7 +30,8 @@ class ConnectionEvents {
   // The peer of slot `index` closed the connection. The slot stays loaded until the handler
   // calls ConnectionTable::Unload.
   virtual void OnClose(int index) = 0;
-  // A socket error on slot `index`; the slot stays loaded as for OnClose.
+  // A socket error on slot `index`; the slot stays loaded as for OnClose. Index 0 is the
+  // listener failing to accept; it keeps listening and tries again shortly.
   virtual void OnError(int index, int number, const std::string& description) = 0;
 };
 
@@ -84,6 +86,7 @@ class ConnectionTable {
   boost::asio::io_context& io_;
   ConnectionEvents& events_;
   boost::asio::ip::tcp::acceptor acceptor_;
+  boost::asio::steady_timer accept_retry_;
   std::vector<std::unique_ptr<Slot>> slots_;  // slots_[i] for index i; [0] unused
   std::set<int> free_indices_;                // indices below slots_.size() that are free
   int count_ = 0;

@@ -6,10 +6,10 @@
 
 namespace kalvo {
 
-// Sends `record` unchanged to every index in AdminConnections, in registration order, and
-// logs "SendToAllAdmins: ID: <id> Socket: <index> Daten gesendet" after each. An error ends
-// the loop (the rest receive nothing) and is logged as "SendToAllAdmins". Gives false then,
-// true otherwise; callers may ignore it.
-bool SendToAllAdmins(RequestContext& ctx, const SocketDataStruct& record);
+// Sets the sizes of `record` and sends the same bytes to every index in AdminConnections, in
+// registration order, logging "SendToAllAdmins: ID: <id> Socket: <index> Daten gesendet"
+// after each. An error ends the loop (the rest receive nothing) and is logged as
+// "SendToAllAdmins". Gives false then, true otherwise; callers may ignore it.
+bool SendToAllAdmins(RequestContext& ctx, SocketDataStruct& record);
 
 }  // namespace kalvo

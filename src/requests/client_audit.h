@@ -43,8 +43,8 @@ class ForwardingClientAudit : public ClientAudit {
  public:
   // `target` must outlive its use here; null restores the do-nothing behaviour.
   void SetTarget(ClientAudit* target) { target_ = target; }
-  std::string DBLogClientAction(std::string_view tag, AuditAction action,
-                                std::string_view address, std::string_view text) override {
+  std::string DBLogClientAction(std::string_view tag, AuditAction action, std::string_view address,
+                                std::string_view text) override {
     return target_ == nullptr ? "OK" : target_->DBLogClientAction(tag, action, address, text);
   }
 

@@ -22,9 +22,12 @@ void Dispatcher::DoSocketAction(int index) {
     SocketDataStruct& record = ctx_.state.current;
     ctx_.log.WriteLog("DoSocketAction: ID: " + std::to_string(record.PackageID) +
                       " Socket: " + std::to_string(index));
-    ++ctx_.state.requests_by_package_id[record.PackageID];
     const auto handler = handlers_.find(record.PackageID);
-    if (handler != handlers_.end()) handler->second(index);
+    if (handler == handlers_.end()) return;
+    // Only requests the server knows are counted: a peer sending random numbers must not
+    // grow the table (or the metrics) without bound. The server's own notices are no requests.
+    if (index != 0) ++ctx_.state.requests_by_package_id[record.PackageID];
+    handler->second(index);
   } catch (...) {
     LogCurrentException(ctx_.log, "DoSocketAction");
   }
@@ -38,7 +41,6 @@ void Dispatcher::SetReply(int32_t package_id, std::string data) {
   record.Misc2.clear();
   record.Misc3.clear();
   record.Data = std::move(data);
-  PrepareForSending(record, ctx_.log);
 }
 
 void Dispatcher::Reply(int index) {
@@ -67,7 +69,6 @@ void Dispatcher::TokenRemoved(int index) {
   }
   SetReply(102, guid);
   record.Misc1 = address;
-  PrepareForSending(record, ctx_.log);
   SendToAllAdmins(ctx_, record);
   SetReply(102, "");
   ReplySilently(index);

@@ -25,7 +25,7 @@ class Dispatcher {
   using Handler = std::function<void(int index)>;
 
   // Rewrites the current record as the reply `package_id` with empty Misc fields, Reserved 0
-  // and `data`.
+  // and `data`; the sizes are set when it is sent.
   void SetReply(int32_t package_id, std::string data);
   // Sends the current record to `index` and logs "... Daten gesendet".
   void Reply(int index);

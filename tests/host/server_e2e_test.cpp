@@ -71,6 +71,15 @@ TEST(ServerE2E, OversizedPacketIsDroppedAndTheConnectionStaysOpen) {
   EXPECT_EQ(ReceivePacket(client), kEcho);
 }
 
+TEST(ServerE2E, UnusableMaxPackageSizeFallsBackToTheDefault) {
+  ServerProcess server("\"MaxPackageSize\"=dword:00000000");
+  EXPECT_NE(server.Log().find("MaxPackageSize 0 is not usable -> assuming 67108864"),
+            std::string::npos);
+  Client client(server.port());
+  client.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(client), kEcho);
+}
+
 TEST(ServerE2E, ClosedConnectionFreesTheLowestIndexForTheNextOne) {
   ServerProcess server;
   Client a(server.port());
@@ -190,8 +199,8 @@ TEST(ServerE2E, ConsoleToolSendsAndListens) {
             "{\"PackageSize\":14,\"PackageID\":311,\"Reserved\":0,\"Misc1\":\"\","
             "\"Misc2\":\"\",\"Misc3\":\"\",\"DataSize\":0,\"Data\":\"\"}\n");
   // A listening console hears of the client that goes.
-  FILE* listener = ::popen(
-      (tool + " listen --port " + port + " --count 1 --duration 10 --json").c_str(), "r");
+  FILE* listener =
+      ::popen((tool + " listen --port " + port + " --count 1 --duration 10 --json").c_str(), "r");
   ASSERT_TRUE(server.WaitForLog("DoSocketAction: ID: 401 Socket: 1 Daten gesendet"));
   { Client client(server.port()); }
   std::string heard;
@@ -204,14 +213,16 @@ TEST(ServerE2E, ConsoleToolSendsAndListens) {
 TEST(ServerE2E, StatusEndpointReportsTheConnections) {
   ServerProcess server;
   Client client(server.port());
-  client.Send(kEcho);
+  client.Send("14|999|0||||0|" +
+              kEcho);  // an unknown request is served by nothing, and not counted
   ReceivePacket(client);
   Client http(server.status_port());
   http.Send("GET /status HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
   const std::string response = http.Receive(100000, 1000);
   EXPECT_NE(response.find("\"listening\":true"), std::string::npos) << response;
   EXPECT_NE(response.find("\"connectionCount\":1"), std::string::npos) << response;
-  EXPECT_NE(response.find("\"bytesReceived\":14"), std::string::npos) << response;
+  EXPECT_NE(response.find("\"bytesReceived\":28"), std::string::npos) << response;
+  EXPECT_NE(response.find("\"requestsByPackageId\":{\"311\":1}"), std::string::npos) << response;
 }
 
 }  // namespace

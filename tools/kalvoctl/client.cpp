@@ -4,6 +4,7 @@
 #include <csignal>
 
 #include "infra/log.h"
+#include "net/socket_send.h"
 
 namespace kalvo::ctl {
 namespace asio = boost::asio;
@@ -52,8 +53,7 @@ bool PacketClient::Connect(const std::string& host, const std::string& port,
 }
 
 bool PacketClient::Send(SocketDataStruct packet) {
-  packet.DataSize = static_cast<int32_t>(packet.Data.size());
-  packet.PackageSize = SocketGetPackageSize(log_, packet);
+  PrepareForSending(packet, log_);
   if (packet.PackageSize == 0) {
     error_ = "packet too large";
     return false;
