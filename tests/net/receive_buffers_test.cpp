@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <random>
 #include <vector>
 
@@ -216,9 +215,8 @@ TEST_F(MaxPackageSizeTest, ALongChunkWithoutAValidSizeIsDroppedOnArrival) {
 }
 
 // Guards against framing that rescans or copies the whole buffer per arrival or per packet:
-// such code needs minutes here, linear code milliseconds.
+// such code needs far longer than the test's time limit here, linear code milliseconds.
 TEST_F(FramingTest, LargePacketInSmallChunksAndManyPacketsInOneChunkStayLinear) {
-  const auto start = std::chrono::steady_clock::now();
   const std::string big = Wire(capture_.log(), 115, std::string(4 << 20, 'd'));
   size_t served = 0;
   for (size_t pos = 0; pos < big.size(); pos += 64) {
@@ -230,7 +228,6 @@ TEST_F(FramingTest, LargePacketInSmallChunksAndManyPacketsInOneChunkStayLinear) 
   const std::string one = Wire(capture_.log(), 101, "0123456789012345678901234567890123456789");
   for (int i = 0; i < 100000; ++i) many += one;
   EXPECT_EQ(Arrive(2, many).size(), 100000u);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
 }
 
 }  // namespace
