@@ -269,7 +269,9 @@ TEST_F(RegistryStoreTest, WriterKilledMidWriteLeavesAWholeFile) {
   std::mt19937 random(12345);
   int32_t last_seen = 0;
   int interrupted_writes = 0;
-  for (int round = 0; round < 15; ++round) {
+  // Kills land at random; go on until some landed inside a write (bounded, for slow builds
+  // where most of a write is spent before the temporary file exists).
+  for (int round = 0; round < 15 || (interrupted_writes == 0 && round < 400); ++round) {
     const pid_t child = Spawn([&] {
       RegistryStore store(path_);
       for (int32_t i = last_seen + 1;; ++i) RegistryWrite(store, kRoot, kKey, "KDX", "Counter", i);
