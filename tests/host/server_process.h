@@ -83,19 +83,20 @@ class ServerProcess {
   pid_t pid() const { return pid_; }
   std::string Log() const { return ReadFile(dir_ / "kalvosrv.log"); }
 
-  // Waits up to five seconds until the log holds `text` (`times` times).
+  // Waits up to fifteen seconds (sanitizer builds on a loaded machine are slow) until the
+  // log holds `text` (`times` times).
   bool WaitForLog(const std::string& text, int times = 1) const {
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 1500; ++i) {
       if (Count(Log(), text) >= times) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
   }
 
-  // Sends `signal` and gives the exit status once the process ended (or -1 after 5 s).
+  // Sends `signal` and gives the exit status once the process ended (or -1 after 15 s).
   int StopWith(int signal) {
     ::kill(pid_, signal);
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 1500; ++i) {
       int status = 0;
       if (::waitpid(pid_, &status, WNOHANG) == pid_) {
         pid_ = -1;
