@@ -53,6 +53,12 @@ void PrintPacket(const SocketDataStruct& packet, bool json, bool& first) {
   std::cout.flush();
 }
 
+// Reports what went wrong with the connection; gives the exit code for it.
+int ConnectionFailed(const PacketClient& client) {
+  std::cerr << "kalvoctl: " << client.error() << "\n";
+  return kExitConnection;
+}
+
 std::chrono::steady_clock::duration ToDuration(double seconds) {
   return std::chrono::duration_cast<std::chrono::steady_clock::duration>(Seconds(seconds));
 }
@@ -92,12 +98,10 @@ int RunSend(const SendOptions& o) {
   QuietLog quiet;
   PacketClient client(quiet.log);
   if (!client.Connect(o.connection.host, o.connection.port, ToDuration(o.timeout))) {
-    std::cerr << "kalvoctl: " << client.error() << "\n";
-    return kExitConnection;
+    return ConnectionFailed(client);
   }
   if (!client.Send(std::move(packet))) {
-    std::cerr << "kalvoctl: " << client.error() << "\n";
-    return kExitConnection;
+    return ConnectionFailed(client);
   }
   bool first = true;
   const StopReason why = client.Receive(
@@ -106,10 +110,7 @@ int RunSend(const SendOptions& o) {
         return true;
       },
       ToDuration(o.timeout), std::nullopt);
-  if (why == StopReason::kError) {
-    std::cerr << "kalvoctl: " << client.error() << "\n";
-    return kExitConnection;
-  }
+  if (why == StopReason::kError) return ConnectionFailed(client);
   return kExitOk;
 }
 
@@ -124,8 +125,7 @@ int RunListen(const ListenOptions& o) {
   QuietLog quiet;
   PacketClient client(quiet.log);
   if (!client.Connect(o.connection.host, o.connection.port, ToDuration(kListenConnectTimeout))) {
-    std::cerr << "kalvoctl: " << client.error() << "\n";
-    return kExitConnection;
+    return ConnectionFailed(client);
   }
   // Taken before sending, so that --duration counts from the registration.
   std::optional<std::chrono::steady_clock::time_point> deadline;
@@ -133,8 +133,7 @@ int RunListen(const ListenOptions& o) {
   SocketDataStruct registration;
   registration.PackageID = kRegisterConsoleId;
   if (!client.Send(registration)) {
-    std::cerr << "kalvoctl: " << client.error() << "\n";
-    return kExitConnection;
+    return ConnectionFailed(client);
   }
   bool first = true;
   bool awaiting_reply = true;
@@ -154,10 +153,7 @@ int RunListen(const ListenOptions& o) {
     std::cerr << "kalvoctl: the server closed the connection\n";
     return kExitConnection;
   }
-  if (why == StopReason::kError) {
-    std::cerr << "kalvoctl: " << client.error() << "\n";
-    return kExitConnection;
-  }
+  if (why == StopReason::kError) return ConnectionFailed(client);
   return kExitOk;
 }
 
