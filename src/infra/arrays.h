@@ -48,7 +48,7 @@ int ArrayUpper(const A& array, int dimension = 1) {
 }
 
 // Lower bound of dimension `dimension`: always 0 here, since every array starts at 0, and
-// 0 on failure as well. Kept so that ported loops read like their originals.
+// 0 on failure as well. Kept so that loops over both bounds read naturally.
 template <typename A>
 int ArrayLower(const A& /*array*/, int /*dimension*/ = 1) {
   return 0;

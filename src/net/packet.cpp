@@ -25,7 +25,7 @@ struct PacketView {
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
-// Adds in the 32-bit range of the original's arithmetic; leaving it is an overflow error.
+// 32-bit signed addition; a sum outside that range is an overflow error.
 int32_t CheckedAdd(int64_t a, int64_t b) {
   const int64_t sum = a + b;
   if (sum > std::numeric_limits<int32_t>::max() || sum < std::numeric_limits<int32_t>::min()) {

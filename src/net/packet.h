@@ -69,9 +69,9 @@ void SocketClearStruct(SocketDataStruct& record);
 // plus the leading "x" characters.
 bool CheckAdminLoginPackage(Log& log, std::string_view chunk);
 
-// The conversion of a numeric packet field to a 32-bit integer, as the original
-// product's variant conversion does it: blanks (space, tab) around the number are ignored; an
-// optional sign, decimal digits and an optional "." with a fraction, rounded half to even
+// The conversion of a numeric packet field to a 32-bit integer: blanks (space, tab) around the
+// number are ignored; an optional sign, decimal digits and an optional "." with a fraction, rounded
+// half to even
 // (" 12 " gives 12, "2.5" gives 2, "3.5" gives 4). Throws RuntimeError kErrTypeMismatch for
 // an empty or non-numeric text and kErrOverflow outside the 32-bit range. Hexadecimal
 // ("&H"), exponents and thousands separators are not accepted.
