@@ -73,6 +73,12 @@ bool IsNumericText(std::string_view text) {
   return i == text.size();
 }
 
+int32_t CheckedAdd(int64_t a, int64_t b) {
+  const int64_t sum = a + b;
+  if (sum > INT32_MAX || sum < INT32_MIN) throw RuntimeError(kErrOverflow, "Overflow");
+  return static_cast<int32_t>(sum);
+}
+
 int32_t NumericTextToInt32(std::string_view text) {
   if (!IsNumericText(text)) throw RuntimeError(kErrTypeMismatch, "Type mismatch");
   const double d = RoundHalfEven(std::strtod(std::string(text).c_str(), nullptr));

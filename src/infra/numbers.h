@@ -21,6 +21,9 @@ double RoundDirected(double value, int digits, std::string_view direction);
 // digits with at most one decimal point, an optional exponent. "" is not numeric.
 bool IsNumericText(std::string_view text);
 
+// 32-bit signed addition: a + b, or RuntimeError 6 (overflow) when the sum leaves the range.
+int32_t CheckedAdd(int64_t a, int64_t b);
+
 // `text` converted to a 32-bit integer, rounded half to even. Throws RuntimeError 13 (type
 // mismatch) when the text is not numeric and 6 (overflow) when the value does not fit.
 int32_t NumericTextToInt32(std::string_view text);

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "infra/log.h"
+#include "infra/numbers.h"
 #include "infra/runtime_error.h"
 
 namespace kalvo {
@@ -24,15 +25,6 @@ struct PacketView {
 };
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
-
-// 32-bit signed addition; a sum outside that range is an overflow error.
-int32_t CheckedAdd(int64_t a, int64_t b) {
-  const int64_t sum = a + b;
-  if (sum > std::numeric_limits<int32_t>::max() || sum < std::numeric_limits<int32_t>::min()) {
-    throw RuntimeError(kErrOverflow, "Overflow");
-  }
-  return static_cast<int32_t>(sum);
-}
 
 // Characters of the decimal text of `n`, its minus sign included.
 int DecimalLength(int32_t n) {
