@@ -72,11 +72,9 @@ void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& s
   s.max_package_size = number("KDX", "MaxPackageSize", kDefaultMaxPackageSize);
   s.status_port = number("KDX", "StatusPort", kDefaultStatusPort);
   s.certificate_library = read("KDX", "CertificateLibrary", "../libbrennic.so").ToText();
-  const std::string tray =
-      RegistryRead(registry, "HKEY_LOCAL_MACHINE:System", "CurrentControlSet\\Services",
-                   "KalvoSrv\\Parameters", "Taskbaricon", "1")
-          .ToText();
-  s.tray_enabled = ToBool(RegistryValue(tray));
+  s.tray_enabled =
+      ToBool(RegistryRead(registry, "HKEY_LOCAL_MACHINE:System", "CurrentControlSet\\Services",
+                          "KalvoSrv\\Parameters", "Taskbaricon", "1"));
 }
 
 bool CheckRegistrySettings(const Settings& s, Log& log, std::string* failure) {
@@ -86,8 +84,8 @@ bool CheckRegistrySettings(const Settings& s, Log& log, std::string* failure) {
     const double value = std::strtod(port.c_str(), nullptr);
     return value >= 1025 && value <= 65535;
   };
-  // The sizes are held as numbers, so their "numeric" checks pass by construction: a
-  // non-numeric stored value already ended the reading of the settings.
+  // The sizes are held as numbers, so they need no "numeric" check: a non-numeric stored
+  // value already ended the reading of the settings.
   const struct {
     std::function<bool()> passes;
     std::string line;
@@ -101,10 +99,8 @@ bool CheckRegistrySettings(const Settings& s, Log& log, std::string* failure) {
            port + ")! - Es wird der Standard-Port 15243 verwendet!"},
       {[&] { return !s.dsn.empty(); }, db + "(DSN leer)"},
       {[&] { return !s.string_type.empty(); }, db + "(DBStringType leer)"},
-      {[] { return true; }, db + "(DBStringMaxSize nicht numerisch)"},
       {[&] { return s.string_max_size != 0; }, db + "(DBStrinMaxSize = 0)"},
       {[&] { return !s.blob_type.empty(); }, db + "(DBBLOBType leer)"},
-      {[] { return true; }, db + "(DBBLOBMaxSize nicht numerisch)"},
       {[&] { return s.blob_max_size != 0; }, db + "(DBBLOBMaxSize = 0)"},
   };
   for (const auto& check : checks) {
