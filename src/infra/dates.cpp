@@ -1,9 +1,9 @@
 #include "infra/dates.h"
 
-#include <charconv>
 #include <cstdio>
 
 #include "infra/arrays.h"
+#include "infra/numbers.h"
 
 namespace kalvo {
 namespace {
@@ -204,22 +204,11 @@ DateRecord MakeDateRecord(std::string_view date_text) {
   return MakeDateRecord(date_text, LocalNow());
 }
 
-std::optional<long long> DateFieldNumber(std::string_view field) {
-  field = TrimBlanks(field);
-  if (field.size() > 1 && field[0] == '+' && field[1] != '-') field.remove_prefix(1);
-  long long value = 0;
-  const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), value);
-  if (field.empty() || error != std::errc() || end != field.data() + field.size()) {
-    return std::nullopt;
-  }
-  return value;
-}
-
 DateRecord DiffDateRecord(const DateRecord& a, const DateRecord& b) {
   DateRecord diff;
   for (size_t k = 0; k < diff.fields.size(); ++k) {
-    const auto x = DateFieldNumber(a.fields[k]);
-    const auto y = DateFieldNumber(b.fields[k]);
+    const auto x = WholeNumberText(a.fields[k]);
+    const auto y = WholeNumberText(b.fields[k]);
     long long d = 0;
     if (x && y && !__builtin_sub_overflow(*x, *y, &d)) diff.fields[k] = std::to_string(d);
   }
@@ -235,7 +224,7 @@ bool IsNotBefore(const DateRecord& record, std::string_view reference_text, bool
     if (field.empty()) return false;  // a field that is not a number: no defined order
   }
   for (const std::string& field : diff.fields) {
-    const long long d = *DateFieldNumber(field);
+    const long long d = *WholeNumberText(field);
     if (d > 0) return true;
     if (d < 0) return false;
   }

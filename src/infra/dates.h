@@ -57,12 +57,8 @@ DateRecord SplitTimestamp(std::string_view text, std::string_view separator);
 DateRecord MakeDateRecord(std::string_view date_text, const std::tm& now);
 DateRecord MakeDateRecord(std::string_view date_text);
 
-// The whole number a record field holds ("03" is 3, "-1" is -1; blanks around it allowed),
-// or nothing for "", non-numeric text or a number beyond the 64-bit range.
-std::optional<long long> DateFieldNumber(std::string_view field);
-
 // Field by field, the number of `a` minus the number of `b`, as decimal text ("-1", "0",
-// "12"). A field where either side is not a number (see DateFieldNumber) is "" in the
+// "12"). A field where either side is not a number (see WholeNumberText) is "" in the
 // result.
 DateRecord DiffDateRecord(const DateRecord& a, const DateRecord& b);
 

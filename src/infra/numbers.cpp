@@ -1,6 +1,7 @@
 #include "infra/numbers.h"
 
 #include <cctype>
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
@@ -71,6 +72,18 @@ bool IsNumericText(std::string_view text) {
   }
   skip_blanks();
   return i == text.size();
+}
+
+std::optional<long long> WholeNumberText(std::string_view text) {
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  if (text.size() > 1 && text[0] == '+' && text[1] != '-') text.remove_prefix(1);
+  long long value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
+    return std::nullopt;
+  }
+  return value;
 }
 
 int32_t CheckedAdd(int64_t a, int64_t b) {

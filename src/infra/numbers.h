@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 namespace kalvo {
@@ -20,6 +21,10 @@ double RoundDirected(double value, int digits, std::string_view direction);
 // True when `text` is a number as a numeric conversion takes it: optional blanks and sign,
 // digits with at most one decimal point, an optional exponent. "" is not numeric.
 bool IsNumericText(std::string_view text);
+
+// The whole decimal number `text` holds ("03" is 3, "+7" is 7, "-1" is -1; spaces around it
+// allowed), or nothing for "", any other text or a number beyond the 64-bit range.
+std::optional<long long> WholeNumberText(std::string_view text);
 
 // 32-bit signed addition: a + b, or RuntimeError 6 (overflow) when the sum leaves the range.
 int32_t CheckedAdd(int64_t a, int64_t b);

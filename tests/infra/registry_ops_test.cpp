@@ -268,6 +268,8 @@ TEST(RegistrySupport, FindNthDropLeftCutAtNullAndToLong) {
   EXPECT_EQ(CutAtNullTrim(std::string("ab  \0cd", 7)), "ab");
   EXPECT_EQ(ToLong(RegistryValue(" 42 ")), 42);
   EXPECT_EQ(ToLong(RegistryValue("4x")), 0);
+  EXPECT_EQ(ToLong(RegistryValue("+-5")), 0);  // one sign only
+  EXPECT_EQ(ToLong(RegistryValue("+7")), 7);
   EXPECT_EQ(ToLong(RegistryValue(-3)), -3);
   EXPECT_EQ(NormalizeKeyPath("HKCR:.pdf/x"), "HKCR\\.pdf\\x");
 }
