@@ -10,6 +10,8 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "infra/dates.h"
+#include "infra/files.h"
 #include "infra/text_encoding.h"
 
 namespace kalvo {
@@ -41,9 +43,7 @@ std::string CDebug::FormatLine(std::string_view text, bool end_of_line) {
   const bool continued = !line_start_;
   if (line_start_) {
     start_tick_ = TickCount();
-    const std::time_t now = std::time(nullptr);
-    std::tm tm{};
-    localtime_r(&now, &tm);
+    const std::tm tm = LocalNow();
     char stamp[32];
     std::strftime(stamp, sizeof stamp, "%d.%m-%H:%M:%S", &tm);
     line = std::string(stamp) + " - " + prog_name_ + " - ";
@@ -93,10 +93,7 @@ void CDebug::WriteEventLog(std::string_view text, int event_type, int category, 
   closelog();
 }
 
-std::string CDebug::AddBackslash(std::string path) {
-  if (!path.ends_with('/')) path += '/';
-  return path;
-}
+std::string CDebug::AddBackslash(std::string path) { return WithTrailingSlash(std::move(path)); }
 
 std::string CDebug::RemoveLineBreaks(std::string text) {
   for (char& c : text) {

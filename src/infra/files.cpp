@@ -11,6 +11,11 @@ bool FileExists(const std::string& path) {
   return ::lstat(path.c_str(), &info) == 0;
 }
 
+std::string WithTrailingSlash(std::string dir) {
+  if (!dir.ends_with('/')) dir += '/';
+  return dir;
+}
+
 bool IsPlainFile(const std::string& path) {
   if (path.empty()) return false;
   struct stat info {};

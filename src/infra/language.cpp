@@ -65,9 +65,7 @@ std::string Language::LanguageFileFor(int language_id) const {
   base.resize(std::min<size_t>(base.size(), 5));
   char ending[16];
   std::snprintf(ending, sizeof ending, ".4%02X", static_cast<unsigned>(language_id & 0x3FF));
-  std::string path = program_.dir;
-  if (path.empty() || path.back() != '/') path += '/';
-  return path + base + ending;
+  return WithTrailingSlash(program_.dir) + base + ending;
 }
 
 std::string Language::FindLanguageFile() {

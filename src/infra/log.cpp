@@ -10,6 +10,8 @@
 #include <memory>
 
 #include "infra/cdebug.h"
+#include "infra/dates.h"
+#include "infra/files.h"
 #include "infra/registry.h"
 #include "infra/text_encoding.h"
 #include "infra/unique_fd.h"
@@ -24,9 +26,7 @@ constexpr std::string_view kProduct = "Zentara";
 }  // namespace
 
 std::string LogTimestamp() {
-  const std::time_t now = std::time(nullptr);
-  std::tm tm{};
-  localtime_r(&now, &tm);
+  const std::tm tm = LocalNow();
   char buf[32];
   std::strftime(buf, sizeof buf, "%d.%m.%Y %H:%M:%S", &tm);
   return buf;
@@ -36,9 +36,7 @@ Log::Log(RegistryStore& registry, std::string log_path)
     : registry_(registry), path_(std::move(log_path)), backup_path_(path_ + ".bak") {}
 
 std::string Log::LogPathFor(const ProgramInfo& program) {
-  std::string dir = program.LogDir();
-  if (!dir.ends_with('/')) dir += '/';
-  return dir + program.name + ".log";
+  return WithTrailingSlash(program.LogDir()) + program.name + ".log";
 }
 
 void Log::ReadSettings(int32_t& level, int64_t& max_mib) {
