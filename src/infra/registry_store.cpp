@@ -86,16 +86,17 @@ RegistryStore::RegistryStore(std::string path)
 
 RegistryStore::~RegistryStore() = default;
 
-RegistryStore::FileStamp RegistryStore::LoadLocked(RegDocument& doc,
-                                                   std::vector<std::string>& warnings) {
-  FileStamp stamp;
+std::optional<RegistryStore::FileStamp> RegistryStore::LoadLocked(
+    RegDocument& doc, std::vector<std::string>& warnings) {
   doc = RegDocument();
   UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  // Only a missing file is an empty registry; one that is there but unreadable is not.
+  if (fd.get() < 0) return errno == ENOENT ? std::optional(FileStamp{}) : std::nullopt;
   struct stat st {};
-  if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) return stamp;
-  stamp = FileStamp{true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+  if (::fstat(fd.get(), &st) != 0) return std::nullopt;
+  const FileStamp stamp{true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
   std::string bytes;
-  if (!ReadAll(fd.get(), bytes)) return stamp;
+  if (!ReadAll(fd.get(), bytes)) return std::nullopt;
   const bool warn = !(stamp == warned_stamp_);
   warned_stamp_ = stamp;
   doc = ParseRegFile(bytes, [&](size_t line, const std::string& message) {
@@ -142,8 +143,10 @@ std::shared_ptr<const RegDocument> RegistryStore::Snapshot() {
     }
     if (!checked_ || racy_ || !(now == stamp_)) {
       auto doc = std::make_shared<RegDocument>();
-      const FileStamp read = LoadLocked(*doc, warnings);
-      CacheLocked(std::move(doc), read);
+      // After a failed read the empty document is cached as "no file", so that the next
+      // look, finding the file there, tries again.
+      const std::optional<FileStamp> read = LoadLocked(*doc, warnings);
+      CacheLocked(std::move(doc), read.value_or(FileStamp{}));
     }
     result = doc_;
   }
@@ -200,7 +203,8 @@ bool RegistryStore::Modify(const std::function<bool(RegDocument&)>& change) {
     FileLock lock(target + ".lock");
     if (!lock.locked()) return false;
     auto doc = std::make_shared<RegDocument>();
-    const FileStamp read = LoadLocked(*doc, warnings);
+    const std::optional<FileStamp> read = LoadLocked(*doc, warnings);
+    if (!read) return false;  // writing the change alone would lose what could not be read
     if (change(*doc)) {
       written = WriteLocked(*doc, target);
       if (written) {
@@ -214,7 +218,7 @@ bool RegistryStore::Modify(const std::function<bool(RegDocument&)>& change) {
         CacheLocked(std::move(doc), stamp);
       }
     } else {
-      CacheLocked(std::move(doc), read);
+      CacheLocked(std::move(doc), *read);
     }
   }
   Emit(warnings);

@@ -77,8 +77,9 @@ class RegistryStore {
 
   // Read-modify-write: under the lock, re-reads the file, calls `change` on its content and,
   // when `change` gives true, writes the result atomically (temporary file beside it, fsync,
-  // rename, fsync of the directory). Gives true when the file was written. `change` must not
-  // call back into this store.
+  // rename, fsync of the directory). Gives true when the file was written. When the file
+  // exists but cannot be read, gives false without calling `change`, so that a write never
+  // replaces content it could not see. `change` must not call back into this store.
   bool Modify(const std::function<bool(RegDocument&)>& change);
 
  private:
@@ -94,8 +95,10 @@ class RegistryStore {
   };
 
   // Reads and parses the file, collecting warnings unless they were given for this version
-  // already. Gives the stamp of what it read. Caller holds mutex_.
-  FileStamp LoadLocked(RegDocument& doc, std::vector<std::string>& warnings);
+  // already. Gives the stamp of what it read (one that does not exist for a missing file),
+  // or nullopt, leaving `doc` empty, when the file is there but could not be opened, stat'ed
+  // or read. Caller holds mutex_.
+  std::optional<FileStamp> LoadLocked(RegDocument& doc, std::vector<std::string>& warnings);
   // Installs a freshly read document as the cached one. Caller holds mutex_.
   void CacheLocked(std::shared_ptr<const RegDocument> doc, const FileStamp& stamp);
   // Writes `doc` to the file atomically; caller holds mutex_ and the file lock.

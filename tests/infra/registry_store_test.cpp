@@ -224,6 +224,39 @@ pid_t Spawn(Body body) {
   return pid;
 }
 
+TEST_F(RegistryStoreTest, UnreadableFileIsNeverOverwrittenByAWrite) {
+  Seed(3);
+  const std::string before = ReadBytes(path_);
+  ASSERT_EQ(::chmod(path_.c_str(), 0), 0);
+  ASSERT_EQ(::chmod(dir_.c_str(), 0777), 0);  // the writer may still create its lock file
+  // The writer runs as a user that cannot read the file: root reads anything, so a root
+  // test run hands the child to "nobody".
+  enum Outcome { kKept = 0, kChangeCalled, kWritten, kStillReadable, kNoUserSwitch };
+  const pid_t child = Spawn([&] {
+    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) {
+      ::_exit(kNoUserSwitch);
+    }
+    if (::access(path_.c_str(), R_OK) == 0) ::_exit(kStillReadable);
+    RegistryStore store(path_);
+    if (store.CreateKey(kKdx + std::string("\\New"))) ::_exit(kWritten);
+    bool called = false;
+    const bool written = store.Modify([&](RegDocument& doc) {
+      called = true;
+      return doc.CreateKey(kKdx) && doc.SetValue(kKdx, "Other", kRegSz, "x");
+    });
+    if (called) ::_exit(kChangeCalled);
+    ::_exit(written ? kWritten : kKept);
+  });
+  ASSERT_GT(child, 0);
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  ::chmod(path_.c_str(), 0644);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) >= kStillReadable) GTEST_SKIP() << "no user that cannot read the file";
+  EXPECT_EQ(WEXITSTATUS(status), kKept);
+  EXPECT_EQ(ReadBytes(path_), before);
+}
+
 TEST_F(RegistryStoreTest, ConcurrentWritersInTwoProcessesBothSurvive) {
   Seed(20);
   constexpr int kWrites = 200;
