@@ -199,6 +199,9 @@ TEST_F(KalvoctlTest, BadArgumentsExitWithTwo) {
   EXPECT_EQ(Kalvoctl("send --port 1").exit_code, 2);  // --id missing
   EXPECT_EQ(Kalvoctl("send --id 1 --misc1 'a|b' --port 1").exit_code, 2);
   EXPECT_EQ(Kalvoctl("frobnicate").exit_code, 2);
+  // Files that cannot be read, a directory included (it opens, but does not read).
+  EXPECT_EQ(Kalvoctl("send --id 1 --port 1 --data-file /nonexistent/x").exit_code, 2);
+  EXPECT_EQ(Kalvoctl("send --id 1 --port 1 --data-file /").exit_code, 2);
   const RunResult help = Kalvoctl("send --help");
   EXPECT_EQ(help.exit_code, 0);
   EXPECT_NE(help.out.find("--data-file"), std::string::npos);

@@ -1,14 +1,14 @@
 #include "kalvoctl/commands.h"
 
-#include <cstdio>
-#include <fstream>
+#include <fcntl.h>
+
 #include <iostream>
-#include <iterator>
 #include <memory>
 
 #include "infra/log.h"
 #include "infra/registry_store.h"
 #include "infra/text_encoding.h"
+#include "infra/unique_fd.h"
 #include "kalvoctl/client.h"
 #include "kalvoctl/print.h"
 
@@ -84,12 +84,13 @@ int RunSend(const SendOptions& o) {
     }
   }
   if (!o.data_file.empty()) {
-    std::ifstream in(o.data_file, std::ios::binary);
-    if (!in) {
+    // A directory opens but does not read: ReadAll tells.
+    const UniqueFd fd(::open(o.data_file.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string bytes;
+    if (fd.get() < 0 || !ReadAll(fd.get(), bytes)) {
       std::cerr << "kalvoctl: cannot read " << o.data_file << "\n";
       return kExitUsage;
     }
-    const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     packet.Data = o.binary ? bytes : DecodeTextFile(bytes);
   } else {
     packet.Data = Utf8ToCp1252(o.data);

@@ -1,18 +1,11 @@
 #include "kalvoctl/print.h"
 
-#include <cstdio>
-
 #include "infra/json_text.h"
+#include "infra/strings.h"
 #include "infra/text_encoding.h"
 
 namespace kalvo::ctl {
 namespace {
-
-std::string Hex2(unsigned char c) {
-  char buf[8];
-  std::snprintf(buf, sizeof buf, "%02X", c);
-  return buf;
-}
 
 // Escapes the ASCII controls and the backslash; bytes from 0x80 are left for the UTF-8
 // conversion.
@@ -39,7 +32,7 @@ std::string EscapeForText(const std::string& text) {
         break;
       default:
         if (c < 0x20 || c == 0x7F) {
-          out += "\\x" + Hex2(c);
+          out += "\\x" + TextToHex(std::string_view(&ch, 1));
         } else {
           out += ch;
         }
