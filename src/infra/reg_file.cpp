@@ -88,6 +88,19 @@ std::optional<std::string> ParseHexBytes(std::string_view s) {
   return out;
 }
 
+// Whether a value line holds "hex:" or "hex(N):" data, looked for where ParseValueLine finds
+// the data: after the name, the "=" and the blanks around it.
+bool HasHexData(std::string_view line) {
+  size_t pos = 0;
+  if (line.front() == '@') {
+    pos = 1;
+  } else if (!ParseQuoted(line, pos)) {
+    return false;
+  }
+  const std::string_view rest = TrimLeft(line.substr(pos));
+  return rest.starts_with('=') && StartsWithNoCase(TrimLeft(rest.substr(1)), "HEX");
+}
+
 bool IsTextType(uint32_t type) {
   return type == kRegSz || type == kRegExpandSz || type == kRegMultiSz;
 }
@@ -305,9 +318,8 @@ RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn) {
       report(line_no, "missing REGEDIT4 or version 5.00 header line");
     }
     // Hex data go on over the following lines while a line ends with a backslash.
-    if (line.front() == '"' || line.front() == '@') {
-      while (line.ends_with('\\') && RegFoldName(line).find("=HEX") != std::string::npos &&
-             i + 1 < lines.size()) {
+    if ((line.front() == '"' || line.front() == '@') && HasHexData(line)) {
+      while (line.ends_with('\\') && i + 1 < lines.size()) {
         line.pop_back();
         line += Trim(lines[++i]);
       }

@@ -123,6 +123,29 @@ TEST(RegFileParse, MalformedLineIsSkippedAndTheNextLineStillLoads) {
   }
 }
 
+TEST(RegFileParse, OnlyHexDataGoOnOverBackslashedLines) {
+  struct Case {
+    std::string lines;
+    std::string data;
+    const char* reason;
+  };
+  const std::vector<Case> cases = {
+      {"\"V\"=hex:01,02,\\\r\n  03", "\x01\x02\x03", "wrapped as regedit writes it"},
+      {"\"V\" = hex:01,\\\r\n  02,\\\r\n  03", "\x01\x02\x03", "blanks around the equals sign"},
+      {"\"V\"=\tHEX(3):01,02,\\\r\n03", "\x01\x02\x03", "tab, upper case and a type"},
+      {"\"V\"=\"a=hex\" ; note\\", "a=hex", "a string is never continued"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.reason);
+    Warnings warnings;
+    const RegDocument doc =
+        Parse("REGEDIT4\r\n[HKEY_USERS\\K]\r\n" + c.lines + "\r\n\"Next\"=\"ok\"\r\n", &warnings);
+    EXPECT_TRUE(warnings.empty());
+    EXPECT_EQ(DataOf(doc, "HKEY_USERS\\K", "V"), c.data);
+    EXPECT_EQ(DataOf(doc, "HKEY_USERS\\K", "Next"), "ok");
+  }
+}
+
 TEST(RegFileParse, BadKeyLineDropsItsValuesButNotTheNextKey) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"[HKEY_NOWHERE\\K]", "unknown hive"},
