@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <random>
 
 #include "infra/runtime_error.h"
 
@@ -153,24 +154,14 @@ clsDES::Block clsDES::CryptBlock(const Block& in, bool decrypt) {
 }
 
 std::string clsDES::EncryptString(std::string_view text, std::string_view key) {
-  Key(key);
-  std::string out(text);
-  auto* bytes = reinterpret_cast<uint8_t*>(out.data());
-  const size_t whole = out.size() / kBlockSize * kBlockSize;
-  Block block{};
-  for (size_t pos = 0; pos < whole; pos += kBlockSize) {
-    std::copy_n(bytes + pos, kBlockSize, block.begin());
-    block = CryptBlock(block, false);
-    std::copy_n(block.begin(), kBlockSize, bytes + pos);
-  }
-  if (whole < out.size()) {
-    const Block pad = CryptBlock(Block{}, false);
-    for (size_t i = whole; i < out.size(); ++i) bytes[i] ^= pad[i - whole];
-  }
-  return out;
+  return CryptString(text, key, false);
 }
 
 std::string clsDES::DecryptString(std::string_view text, std::string_view key) {
+  return CryptString(text, key, true);
+}
+
+std::string clsDES::CryptString(std::string_view text, std::string_view key, bool decrypt) {
   Key(key);
   std::string out(text);
   auto* bytes = reinterpret_cast<uint8_t*>(out.data());
@@ -178,11 +169,11 @@ std::string clsDES::DecryptString(std::string_view text, std::string_view key) {
   Block block{};
   for (size_t pos = 0; pos < whole; pos += kBlockSize) {
     std::copy_n(bytes + pos, kBlockSize, block.begin());
-    block = CryptBlock(block, true);
+    block = CryptBlock(block, decrypt);
     std::copy_n(block.begin(), kBlockSize, bytes + pos);
   }
   if (whole < out.size()) {
-    // The tail was masked with an encrypted zero block; masking again restores it.
+    // The tail is masked with an encrypted zero block either way: masking twice restores it.
     const Block pad = CryptBlock(Block{}, false);
     for (size_t i = whole; i < out.size(); ++i) bytes[i] ^= pad[i - whole];
   }
@@ -195,9 +186,9 @@ void clsDES::EncryptByte(std::vector<uint8_t>& data, std::string_view key) {
   const size_t frame_size = (n + kFrameHeader + kBlockSize - 1) / kBlockSize * kBlockSize;
   std::vector<uint8_t> frame(frame_size, 0);
 
-  random_.seed(std::random_device{}());
+  std::mt19937 random(std::random_device{}());
   std::uniform_int_distribution<uint32_t> draw(0, 2147483646);
-  const uint32_t header[3] = {draw(random_), draw(random_), static_cast<uint32_t>(n)};
+  const uint32_t header[3] = {draw(random), draw(random), static_cast<uint32_t>(n)};
   for (size_t word = 0; word < 3; ++word) {
     for (size_t b = 0; b < 4; ++b) frame[word * 4 + b] = (header[word] >> (8 * b)) & 0xFF;
   }

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cstdint>
-#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -67,6 +66,9 @@ class clsDES {
   void EnsureSchedule();
   void BuildSchedule();
   Block CryptBlock(const Block& in, bool decrypt);
+  // Whole blocks through the cipher in `decrypt`'s direction; a partial last block is
+  // masked with an encrypted zero block, which the same call undoes.
+  std::string CryptString(std::string_view text, std::string_view key, bool decrypt);
 
   std::string key1_value_;
   std::string key2_value_;
@@ -75,7 +77,6 @@ class clsDES {
   bool schedule_valid_ = false;
   int key_schedule_builds_ = 0;
   std::array<RoundKey, 16> round_keys_{};
-  std::mt19937 random_;
 };
 
 }  // namespace kalvo
