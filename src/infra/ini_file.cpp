@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "infra/reg_document.h"
 #include "infra/text_encoding.h"
 
 namespace kalvo {
@@ -18,21 +19,9 @@ std::string_view Trim(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-// Windows-1252 upper case to lower case, so that names compare without regard to case.
-char FoldCase(char c) {
-  const auto u = static_cast<unsigned char>(c);
-  if (u >= 'A' && u <= 'Z') return static_cast<char>(u + 32);
-  if (u >= 0xC0 && u <= 0xDE && u != 0xD7) return static_cast<char>(u + 32);
-  if (u == 0x8A || u == 0x8C || u == 0x8E) return static_cast<char>(u + 16);  // Š Œ Ž
-  if (u == 0x9F) return static_cast<char>(0xFF);                              // Ÿ
-  return c;
-}
-
-std::string FoldName(std::string_view name) {
-  std::string folded(Trim(name));
-  for (char& c : folded) c = FoldCase(c);
-  return folded;
-}
+// Names compare without regard to case as registry names do; the folded form is only ever
+// compared, never shown.
+std::string FoldName(std::string_view name) { return RegFoldName(Trim(name)); }
 
 // Removes one pair of matching surrounding quotes.
 std::string_view Unquote(std::string_view value) {
