@@ -74,10 +74,6 @@ std::string RegCanonicalKeyPath(std::string_view path) {
   return "";
 }
 
-std::string_view RegHiveOf(std::string_view canonical_path) {
-  return canonical_path.substr(0, canonical_path.find('\\'));
-}
-
 size_t RegDocument::FindSection(std::string_view canonical) const {
   if (canonical.empty()) return kImplied;
   const auto it = index_.find(RegFoldName(canonical));
@@ -169,17 +165,6 @@ bool RegDocument::SetValue(std::string_view path, std::string_view name, uint32_
     }
   }
   key->values.push_back(RegValue{std::string(name), type, std::move(data)});
-  return true;
-}
-
-bool RegDocument::DeleteValue(std::string_view path, std::string_view name) {
-  const size_t i = FindSection(RegCanonicalKeyPath(path));
-  if (i == kImplied) return false;
-  auto& values = keys_[i].values;
-  const auto it = std::find_if(values.begin(), values.end(),
-                               [&](const RegValue& v) { return NamesEqual(v.name, name); });
-  if (it == values.end()) return false;
-  values.erase(it);
   return true;
 }
 

@@ -48,9 +48,6 @@ std::string RegFoldName(std::string_view name);
 // path is unusable: an unknown hive or an empty component in the middle ("A\\B").
 std::string RegCanonicalKeyPath(std::string_view path);
 
-// The hive part of a canonical path, or the whole path when it has no backslash.
-std::string_view RegHiveOf(std::string_view canonical_path);
-
 // A whole registry file in memory. Key paths passed in are canonicalised first; an unusable
 // path is treated as a missing key. A key exists when it has its own section, when it lies
 // above a key that has one, or when it is a hive. Not thread-safe; copyable.
@@ -87,8 +84,6 @@ class RegDocument {
   // Sets a value of an existing key (replacing one of the same name in its place, adding it
   // at the end otherwise). Gives false, changing nothing, when the key is missing.
   bool SetValue(std::string_view path, std::string_view name, uint32_t type, std::string data);
-  // Removes a value. Gives true when it existed.
-  bool DeleteValue(std::string_view path, std::string_view name);
 
  private:
   static constexpr size_t kImplied = static_cast<size_t>(-1);

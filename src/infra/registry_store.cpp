@@ -190,10 +190,6 @@ bool RegistryStore::SetValue(std::string_view key_path, std::string_view name, u
   return Modify([&](RegDocument& doc) { return doc.SetValue(key_path, name, type, data); });
 }
 
-bool RegistryStore::DeleteValue(std::string_view key_path, std::string_view name) {
-  return Modify([&](RegDocument& doc) { return doc.DeleteValue(key_path, name); });
-}
-
 bool RegistryStore::Modify(const std::function<bool(RegDocument&)>& change) {
   std::vector<std::string> warnings;
   bool written = false;

@@ -72,8 +72,6 @@ class RegistryStore {
   bool DeleteKey(std::string_view key_path);
   // Sets a value of an existing key; never creates the key. True when written.
   bool SetValue(std::string_view key_path, std::string_view name, uint32_t type, std::string data);
-  // Removes a value. True when it existed and the file was written.
-  bool DeleteValue(std::string_view key_path, std::string_view name);
 
   // Read-modify-write: under the lock, re-reads the file, calls `change` on its content and,
   // when `change` gives true, writes the result atomically (temporary file beside it, fsync,
