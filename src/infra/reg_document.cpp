@@ -39,18 +39,18 @@ char FoldChar(char c) {
   }
 }
 
-bool NamesEqual(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return FoldChar(x) == FoldChar(y);
-         });
-}
-
 const std::vector<RegValue>& NoValues() {
   static const std::vector<RegValue> kNone;
   return kNone;
 }
 
 }  // namespace
+
+bool RegNamesEqual(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return FoldChar(x) == FoldChar(y);
+         });
+}
 
 std::string RegFoldName(std::string_view name) {
   std::string out(name);
@@ -65,7 +65,7 @@ std::string RegCanonicalKeyPath(std::string_view path) {
   const size_t cut = path.find('\\');
   const std::string_view hive_name = path.substr(0, cut);
   for (const HiveName& hive : kHives) {
-    if (NamesEqual(hive_name, hive.full) || NamesEqual(hive_name, hive.abbreviation)) {
+    if (RegNamesEqual(hive_name, hive.full) || RegNamesEqual(hive_name, hive.abbreviation)) {
       std::string out(hive.full);
       if (cut != std::string_view::npos) out += path.substr(cut);
       return out;
@@ -112,7 +112,7 @@ bool RegDocument::HasSubKeys(std::string_view path) const {
 
 const RegValue* RegDocument::FindIn(const std::vector<RegValue>& values, std::string_view name) {
   for (const RegValue& value : values) {
-    if (NamesEqual(value.name, name)) return &value;
+    if (RegNamesEqual(value.name, name)) return &value;
   }
   return nullptr;
 }
@@ -158,7 +158,7 @@ bool RegDocument::SetValue(std::string_view path, std::string_view name, uint32_
   RegKey* key = SectionFor(RegCanonicalKeyPath(path));
   if (key == nullptr) return false;
   for (RegValue& value : key->values) {
-    if (NamesEqual(value.name, name)) {
+    if (RegNamesEqual(value.name, name)) {
       value.type = type;
       value.data = std::move(data);
       return true;

@@ -42,6 +42,8 @@ struct RegKey {
 
 // Case folding of a Windows-1252 name for comparisons (upper case, as Windows compares).
 std::string RegFoldName(std::string_view name);
+// Whether two names are equal after RegFoldName, without building the folded copies.
+bool RegNamesEqual(std::string_view a, std::string_view b);
 
 // Canonical form of a key path: hive name in full upper case ("HKLM" and the other usual
 // abbreviations expanded), empty leading and trailing components dropped. Gives "" when the

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "infra/strings.h"
+
 namespace kalvo {
 namespace {
 
@@ -38,19 +40,12 @@ bool OnlyTrailer(std::string_view rest) {
   return rest.empty() || rest.front() == ';';
 }
 
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 // Parses 1 to 8 hex digits as a whole.
 std::optional<uint32_t> ParseHex32(std::string_view s) {
   if (s.empty() || s.size() > 8) return std::nullopt;
   uint32_t v = 0;
   for (char c : s) {
-    const int d = HexDigit(c);
+    const int d = HexDigitValue(c);
     if (d < 0) return std::nullopt;
     v = (v << 4) | static_cast<uint32_t>(d);
   }
@@ -201,9 +196,8 @@ class KeyCollector {
 };
 
 void PutValue(RegKey& key, RegValue value) {
-  const std::string folded = RegFoldName(value.name);
   for (RegValue& existing : key.values) {
-    if (RegFoldName(existing.name) == folded) {
+    if (RegNamesEqual(existing.name, value.name)) {
       existing.type = value.type;
       existing.data = std::move(value.data);
       return;

@@ -1,17 +1,12 @@
 #include "infra/strings.h"
 
 namespace kalvo {
-namespace {
-
-// Value of one hexadecimal digit, or -1.
 int HexDigitValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   return -1;
 }
-
-}  // namespace
 
 std::string TrimNulls(std::string text) {
   const std::string_view nul2("\0\0", 2);

@@ -30,6 +30,9 @@ std::string TextToHex(std::string_view text);
 // of that code. Gives "" unless IsHexText(hex) holds.
 std::string HexToText(std::string_view hex);
 
+// The value of one hexadecimal digit (0-9, A-F, a-f), or -1 for any other character.
+int HexDigitValue(char c);
+
 // True when `text` is not empty, has an even length and holds only 0-9, A-F and a-f.
 bool IsHexText(std::string_view text);
 
