@@ -109,10 +109,8 @@ void RegistryWrite(RegistryStore& store, std::string_view root, std::string_view
   try {
     const std::string key_path = SplitKeyPath(root, key);
     const std::string sub_path = SubKeyPath(key_path, sub_key);
-    {
-      const auto doc = store.Snapshot();
-      if (!doc->KeyExists(key_path) || !doc->KeyExists(sub_path)) return;
-    }
+    // An existing sub key implies its key (an empty sub key names the key itself).
+    if (!store.Snapshot()->KeyExists(sub_path)) return;
     uint32_t type = kRegDword;
     std::string data;
     if (value.IsText()) {
@@ -137,8 +135,13 @@ RegistryValue RegistryEnumValues(RegistryStore& store, std::string_view root, st
                                  std::string_view sub_key) {
   try {
     const std::string key_path = SplitKeyPath(root, key);
-    if (!store.CreateKey(key_path)) return {};
     const std::string sub_path = SubKeyPath(key_path, sub_key);
+    if (RegCanonicalKeyPath(sub_path).empty()) {
+      // A sub key name that makes no usable path still leaves its key created.
+      store.CreateKey(key_path);
+      return {};
+    }
+    // Creating the sub key creates its key too, in one write.
     if (!store.CreateKey(sub_path)) return {};
     const auto doc = store.Snapshot();
     const std::vector<RegValue>& values = doc->Values(sub_path);

@@ -196,6 +196,20 @@ TEST_F(RegistryStoreTest, UnwritableLocationFailsQuietly) {
   EXPECT_TRUE(RegistryEnumValues(store, kRoot, kKey, "KDX").IsEmpty());
 }
 
+TEST_F(RegistryStoreTest, EnumValuesWritesOneSectionForKeyAndSubKey) {
+  RegistryStore store(path_);
+  const std::string key = "HKEY_LOCAL_MACHINE\\Software\\Orvanta\\New";
+  EXPECT_TRUE(RegistryEnumValues(store, kRoot, "Orvanta\\New", "Sub").IsEmpty());
+  EXPECT_EQ(ReadBytes(path_), "REGEDIT4\r\n\r\n[" + key + "\\Sub]\r\n\r\n");
+  RegistryStore fresh(path_);
+  EXPECT_TRUE(fresh.KeyExists(key));
+  // A sub key that makes no usable path still leaves its key created, and nothing else.
+  std::filesystem::remove(path_);
+  fresh.Invalidate();
+  EXPECT_TRUE(RegistryEnumValues(fresh, kRoot, "Orvanta\\New", "\\Bad").IsEmpty());
+  EXPECT_EQ(ReadBytes(path_), "REGEDIT4\r\n\r\n[" + key + "]\r\n\r\n");
+}
+
 TEST_F(RegistryStoreTest, UnchangedFileIsNotReadAgain) {
   Seed(30);
   RegistryStore store(path_);
