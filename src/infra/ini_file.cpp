@@ -1,12 +1,11 @@
 #include "infra/ini_file.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
-
-#include <fstream>
-#include <iterator>
 
 #include "infra/reg_document.h"
 #include "infra/text_encoding.h"
+#include "infra/unique_fd.h"
 
 namespace kalvo {
 namespace {
@@ -39,10 +38,9 @@ void ReplaceAll(std::string& text, std::string_view from, std::string_view to) {
 }
 
 std::optional<std::string> ReadWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) return std::nullopt;
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string bytes;
+  if (fd.get() < 0 || !ReadAll(fd.get(), bytes)) return std::nullopt;
   return bytes;
 }
 
@@ -104,14 +102,9 @@ std::string IniCache::Read(const std::string& file, std::string_view section, st
     entries_.erase(file);
     return DefaultValue(def);
   }
-  const Stamp stamp{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+  const FileStamp stamp = FileStampOf(info);
   auto it = entries_.find(file);
-  const auto same = [&](const Stamp& s) {
-    return s.device == stamp.device && s.inode == stamp.inode && s.size == stamp.size &&
-           s.modified.tv_sec == stamp.modified.tv_sec &&
-           s.modified.tv_nsec == stamp.modified.tv_nsec;
-  };
-  if (it == entries_.end() || !same(it->second.stamp)) {
+  if (it == entries_.end() || !(it->second.stamp == stamp)) {
     const auto bytes = ReadWholeFile(file);
     if (!bytes) {
       entries_.erase(file);

@@ -10,13 +10,12 @@
 // UTF-8 when valid (byte-order mark allowed), else Windows-1252; values are Windows-1252.
 #pragma once
 
-#include <sys/types.h>
-
-#include <ctime>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "infra/file_stamp.h"
 
 namespace kalvo {
 
@@ -43,8 +42,8 @@ class IniFile {
 // by a carriage return and a line feed (carriage returns first).
 std::string FinishIniValue(std::string value);
 
-// Parsed INI files by path, each kept until the file on disk changes (modification time,
-// size or identity), so that repeated lookups do not read the file again. Not thread-safe:
+// Parsed INI files by path, each kept until the file on disk changes (its times, size or
+// identity), so that repeated lookups do not read the file again. Not thread-safe:
 // one cache per thread.
 class IniCache {
  public:
@@ -53,14 +52,8 @@ class IniCache {
                    std::string_view def = "");
 
  private:
-  struct Stamp {
-    dev_t device;
-    ino_t inode;
-    off_t size;
-    timespec modified;
-  };
   struct Entry {
-    Stamp stamp;
+    FileStamp stamp;
     IniFile ini;
   };
   std::map<std::string, Entry> entries_;

@@ -76,25 +76,20 @@ std::string DirectoryOf(const std::string& path) {
 
 }  // namespace
 
-bool RegistryStore::FileStamp::operator==(const FileStamp& o) const {
-  return exists == o.exists && dev == o.dev && ino == o.ino && size == o.size &&
-         Nanos(mtime) == Nanos(o.mtime) && Nanos(ctime) == Nanos(o.ctime);
-}
-
 RegistryStore::RegistryStore(std::string path)
     : path_(std::move(path)), doc_(std::make_shared<RegDocument>()) {}
 
 RegistryStore::~RegistryStore() = default;
 
-std::optional<RegistryStore::FileStamp> RegistryStore::LoadLocked(
-    RegDocument& doc, std::vector<std::string>& warnings) {
+std::optional<FileStamp> RegistryStore::LoadLocked(RegDocument& doc,
+                                                   std::vector<std::string>& warnings) {
   doc = RegDocument();
   UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
   // Only a missing file is an empty registry; one that is there but unreadable is not.
   if (fd.get() < 0) return errno == ENOENT ? std::optional(FileStamp{}) : std::nullopt;
   struct stat st {};
   if (::fstat(fd.get(), &st) != 0) return std::nullopt;
-  const FileStamp stamp{true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+  const FileStamp stamp = FileStampOf(st);
   std::string bytes;
   if (!ReadAll(fd.get(), bytes)) return std::nullopt;
   const bool warn = !(stamp == warned_stamp_);
@@ -138,9 +133,7 @@ std::shared_ptr<const RegDocument> RegistryStore::Snapshot() {
     force_check_ = false;
     struct stat st {};
     FileStamp now;
-    if (::stat(path_.c_str(), &st) == 0) {
-      now = FileStamp{true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
-    }
+    if (::stat(path_.c_str(), &st) == 0) now = FileStampOf(st);
     if (!checked_ || racy_ || !(now == stamp_)) {
       auto doc = std::make_shared<RegDocument>();
       // After a failed read the empty document is cached as "no file", so that the next
@@ -207,9 +200,7 @@ bool RegistryStore::Modify(const std::function<bool(RegDocument&)>& change) {
         // What was just written is known: cache it under the stamp of the new file.
         struct stat st {};
         FileStamp stamp;
-        if (::stat(path_.c_str(), &st) == 0) {
-          stamp = FileStamp{true, st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
-        }
+        if (::stat(path_.c_str(), &st) == 0) stamp = FileStampOf(st);
         warned_stamp_ = stamp;
         CacheLocked(std::move(doc), stamp);
       }

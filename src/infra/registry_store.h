@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "infra/file_stamp.h"
 #include "infra/reg_document.h"
 
 namespace kalvo {
@@ -81,17 +82,6 @@ class RegistryStore {
   bool Modify(const std::function<bool(RegDocument&)>& change);
 
  private:
-  // What tells two versions of the file apart without reading it.
-  struct FileStamp {
-    bool exists = false;
-    dev_t dev = 0;
-    ino_t ino = 0;
-    off_t size = 0;
-    timespec mtime{};
-    timespec ctime{};
-    bool operator==(const FileStamp& o) const;
-  };
-
   // Reads and parses the file, collecting warnings unless they were given for this version
   // already. Gives the stamp of what it read (one that does not exist for a missing file),
   // or nullopt, leaving `doc` empty, when the file is there but could not be opened, stat'ed
