@@ -118,10 +118,9 @@ bool ExecuteLogged(DbConnection& connection, std::string_view sql, const std::st
     return true;
   } catch (const OdbcError& e) {
     db.SetLastError(e.native_code(), e.what());
-  } catch (const std::bad_alloc&) {
-    db.SetLastError(kErrOutOfMemory, "Out of memory");
-  } catch (const std::exception& e) {
-    db.SetLastError(kErrInvalidCall, e.what());
+  } catch (...) {
+    const ErrorInfo error = CurrentErrorInfo();
+    db.SetLastError(error.number, error.description);
   }
   result = RecordSet{};
   db.log().LogError(db.last_error_number(), db.last_error_description(), "DBExecuteSQLCommand",
@@ -248,12 +247,12 @@ bool DBCheckConnection(Database& database, std::string_view dsn, std::string_vie
                        std::string_view password) {
   try {
     DbConnection connection(database);
-    if (!DBConnect(connection, dsn, user, password)) {
-      throw RuntimeError(-1, "Verbindung fehlgeschlagen");
+    if (DBConnect(connection, dsn, user, password)) {
+      DBDisconnect(connection);
+      database.log().WriteLog("DBCheckConnection (OK)");
+      return true;
     }
-    DBDisconnect(connection);
-    database.log().WriteLog("DBCheckConnection (OK)");
-    return true;
+    database.log().LogError(-1, "Verbindung fehlgeschlagen", "DBCheckConnection");
   } catch (...) {
     LogCurrentException(database.log(), "DBCheckConnection");
   }

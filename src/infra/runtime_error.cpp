@@ -6,20 +6,30 @@
 
 namespace kalvo {
 
-void LogCurrentException(Log& log, std::string_view procedure, std::string_view extra) {
+ErrorInfo CurrentErrorInfo() {
   try {
-    throw;
-  } catch (const RuntimeError& e) {
-    log.LogError(e.number(), e.what(), procedure, extra);
-  } catch (const std::bad_alloc&) {
-    log.LogError(kErrOutOfMemory, "Out of memory", procedure, extra);
-  } catch (const std::out_of_range& e) {
-    log.LogError(kErrSubscript, e.what(), procedure, extra);
-  } catch (const std::exception& e) {
-    log.LogError(kErrInvalidCall, e.what(), procedure, extra);
+    try {
+      throw;
+    } catch (const RuntimeError& e) {
+      return {e.number(), e.what()};
+    } catch (const std::bad_alloc&) {
+      return {kErrOutOfMemory, "Out of memory"};
+    } catch (const std::out_of_range& e) {
+      return {kErrSubscript, e.what()};
+    } catch (const std::exception& e) {
+      return {kErrInvalidCall, e.what()};
+    } catch (...) {
+      return {kErrInvalidCall, "Unknown error"};
+    }
   } catch (...) {
-    log.LogError(kErrInvalidCall, "Unknown error", procedure, extra);
+    // Copying the description ran out of memory.
+    return {kErrOutOfMemory, {}};
   }
+}
+
+void LogCurrentException(Log& log, std::string_view procedure, std::string_view extra) {
+  const ErrorInfo error = CurrentErrorInfo();
+  log.LogError(error.number, error.description, procedure, extra);
 }
 
 }  // namespace kalvo

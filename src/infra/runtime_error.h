@@ -29,9 +29,19 @@ class RuntimeError : public std::runtime_error {
   int32_t number_;
 };
 
-// Must be called inside a catch block: logs the exception being handled through
-// `log.LogError` with a number that fits it (a RuntimeError's own, 7 for bad_alloc,
-// 9 for out_of_range, 5 for any other exception) and the procedure name. Never throws.
+// The run-time error number and description of an exception.
+struct ErrorInfo {
+  int32_t number = kErrInvalidCall;
+  std::string description;
+};
+
+// Must be called inside a catch block: the number that fits the exception being handled (a
+// RuntimeError's own, 7 for bad_alloc, 9 for out_of_range, 5 for any other exception) and
+// its description. Never throws.
+ErrorInfo CurrentErrorInfo();
+
+// Must be called inside a catch block: logs the exception being handled (CurrentErrorInfo)
+// through `log.LogError` with the procedure name. Never throws.
 void LogCurrentException(Log& log, std::string_view procedure, std::string_view extra = "");
 
 }  // namespace kalvo

@@ -30,24 +30,10 @@ std::string RunPass(std::string_view input, std::string_view subkey, clsDES& des
 
 void LogPassError(Log* log, std::string_view procedure) {
   if (log == nullptr) return;
-  int32_t number = kErrInvalidCall;
-  std::string description;
+  const ErrorInfo error = CurrentErrorInfo();
   try {
-    throw;
-  } catch (const RuntimeError& e) {
-    number = e.number();
-    description = e.what();
-  } catch (const std::bad_alloc&) {
-    number = kErrOutOfMemory;
-    description = "Out of memory";
-  } catch (const std::exception& e) {
-    description = e.what();
-  } catch (...) {
-    description = "Unknown error";
-  }
-  try {
-    log->WriteLog("Error in " + std::string(procedure) + " (" + std::to_string(number) + " - " +
-                  description + ")");
+    log->WriteLog("Error in " + std::string(procedure) + " (" + std::to_string(error.number) +
+                  " - " + error.description + ")");
   } catch (...) {
     // Losing the line is all that can happen here.
   }
