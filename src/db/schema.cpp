@@ -1,7 +1,6 @@
 #include "db/schema.h"
 
 #include <array>
-#include <cmath>
 #include <vector>
 
 #include "infra/arrays.h"
@@ -127,8 +126,6 @@ bool InsertDefaultData(DbConnection& connection, int index, const LanguageLookup
   return DBExecuteSQLCommand(connection, sql, ignored);
 }
 
-// A whole number the way the configuration fields carry it: blanks around it allowed,
-// decimals rounded half to even; anything else is a type mismatch.
 }  // namespace
 
 std::string_view TableStateName(TableState state) {
