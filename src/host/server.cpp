@@ -4,7 +4,6 @@
 
 #include "infra/runtime_error.h"
 #include "infra/text_encoding.h"
-#include "net/socket_send.h"
 #include "security/encryption.h"
 
 namespace kalvo {
@@ -290,15 +289,10 @@ void Server::SocketClose(int index) {
     state_.admin_connections.Remove(index);
     state_.pending_task_collections.erase(ConnectionKey(index));
     if (state_.admin_connections.Count() > 0) {
-      // Tell the consoles that the client has gone.
-      SocketDataStruct& record = state_.current;
-      record.PackageID = 102;
-      record.Reserved = 0;
-      record.Data = tag;
-      record.Misc1.clear();
-      record.Misc2.clear();
-      record.Misc3.clear();
-      PrepareForSending(record, log_);
+      // Tell the consoles that the client has gone. The handler of 102 reads only the
+      // PackageID and the tag in Data and builds the notice itself.
+      state_.current.PackageID = 102;
+      state_.current.Data = tag;
       dispatcher_.DoSocketAction(0);
     }
     if (index < 1) {

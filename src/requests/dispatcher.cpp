@@ -70,6 +70,8 @@ void Dispatcher::TokenRemoved(int index) {
   SetReply(102, guid);
   record.Misc1 = address;
   SendToAllAdmins(ctx_, record);
+  // The server's own notice has nobody to answer: slot 0 is the listener.
+  if (index == 0) return;
   SetReply(102, "");
   ReplySilently(index);
 }
