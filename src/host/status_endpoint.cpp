@@ -239,27 +239,52 @@ class StatusSession : public std::enable_shared_from_this<StatusSession> {
 
 namespace {
 
+void Accept(const std::shared_ptr<StatusEndpointState>& state);
+
+// Accepts again after a pause: a failure that persists (out of descriptors, say) would
+// otherwise repeat at once and spin.
+void AcceptLater(const std::shared_ptr<StatusEndpointState>& state) {
+  state->retry_timer.expires_after(kAcceptRetryDelay);
+  state->retry_timer.async_wait([state](beast::error_code wait_ec) {
+    if (!wait_ec && !state->stopped) Accept(state);
+  });
+}
+
+// Serves one accepted connection, or closes it when too many are open. A failure here (no
+// memory for the session, say) loses this connection only.
+void Serve(const std::shared_ptr<StatusEndpointState>& state, tcp::socket socket) {
+  try {
+    if (state->sessions.size() >= state->limits.max_sessions) {
+      beast::error_code ignored;
+      socket.close(ignored);  // refused: too many open connections
+    } else {
+      std::make_shared<StatusSession>(state, std::move(socket))->Start();
+    }
+  } catch (...) {
+    LogCurrentException(state->log, kProcName, "accept");
+  }
+}
+
+// Keeps one accept pending for as long as the endpoint is not stopped: every path through the
+// completion arms the next accept, at once or after a pause.
 void Accept(const std::shared_ptr<StatusEndpointState>& state) {
   state->acceptor.async_accept([state](beast::error_code ec, tcp::socket socket) {
     if (state->stopped) return;
     try {
       if (ec) {
         state->log.LogError(ec.value(), ec.message(), kProcName, "accept");
-        state->retry_timer.expires_after(kAcceptRetryDelay);
-        state->retry_timer.async_wait([state](beast::error_code wait_ec) {
-          if (!wait_ec && !state->stopped) Accept(state);
-        });
+        AcceptLater(state);
         return;
       }
-      if (state->sessions.size() >= state->limits.max_sessions) {
-        beast::error_code ignored;
-        socket.close(ignored);  // refused: too many open connections
-      } else {
-        std::make_shared<StatusSession>(state, std::move(socket))->Start();
-      }
+      Serve(state, std::move(socket));
       Accept(state);
     } catch (...) {
       LogCurrentException(state->log, kProcName, "accept");
+      try {
+        AcceptLater(state);
+      } catch (...) {
+        // Not even the timer could be armed; the failure is already logged.
+      }
     }
   });
 }
@@ -300,7 +325,8 @@ std::string RenderStatusMetrics(const StatusSnapshot& snapshot) {
   // The byte counts are 32-bit and stop at their limit instead of wrapping, which a counter
   // must not do; a gauge says honestly what they are.
   AppendMetric(out, "kalvosrv_bytes_sent", "gauge",
-               "Bytes sent since the start (32-bit; stops counting at the limit, the addition that would overflow is dropped).",
+               "Bytes sent since the start (32-bit; stops counting at the limit, the addition that "
+               "would overflow is dropped).",
                snapshot.bytes_sent);
   AppendMetric(out, "kalvosrv_bytes_received", "gauge",
                "Bytes received since the start (32-bit; stops counting at the limit).",
