@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <fstream>
+
+#include "infra/ini_file.h"
 
 namespace kalvo {
 
@@ -65,20 +66,6 @@ void OdbcEnvironment::ReleaseConnectionHandle(DbcHandle dbc) noexcept {
 
 namespace {
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
-std::string Trim(std::string_view text) {
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front())))
-    text.remove_prefix(1);
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())))
-    text.remove_suffix(1);
-  return std::string(text);
-}
-
 // The odbcinst.ini the driver manager reads: $ODBCSYSINI (else /etc) joined with
 // $ODBCINSTINI (else "odbcinst.ini"), or $ODBCINSTINI alone when it is an absolute path.
 std::string OdbcinstPath() {
@@ -89,39 +76,17 @@ std::string OdbcinstPath() {
   return std::string(sys != nullptr && *sys != '\0' ? sys : "/etc") + "/" + file;
 }
 
-// The value of `key` in `section` of odbcinst.ini, names compared case-insensitively.
-std::string ReadOdbcinst(std::string_view section, std::string_view key) {
-  std::ifstream in(OdbcinstPath());
-  const std::string want_section = Lower(std::string(section));
-  const std::string want_key = Lower(std::string(key));
-  std::string line, current;
-  while (std::getline(in, line)) {
-    const std::string t = Trim(line);
-    if (t.empty() || t.front() == '#' || t.front() == ';') continue;
-    if (t.front() == '[') {
-      current = Lower(Trim(t.substr(1, t.find(']') - 1)));
-      continue;
-    }
-    const size_t eq = t.find('=');
-    if (current == want_section && eq != std::string::npos &&
-        Lower(Trim(t.substr(0, eq))) == want_key) {
-      return Trim(t.substr(eq + 1));
-    }
-  }
-  return "";
-}
-
 }  // namespace
 
 bool OdbcPoolingEnabled() {
-  std::string value = ReadOdbcinst("ODBC", "Pooling");
+  std::string value = ReadIniText(OdbcinstPath(), "ODBC", "Pooling");
   std::transform(value.begin(), value.end(), value.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return value == "yes" || value == "1" || value == "on" || value == "true";
 }
 
 std::string OdbcDriverPoolTimeout(std::string_view driver) {
-  return ReadOdbcinst(driver, "CPTimeout");
+  return ReadIniText(OdbcinstPath(), driver, "CPTimeout");
 }
 
 }  // namespace kalvo

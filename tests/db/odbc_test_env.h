@@ -16,6 +16,8 @@
 #include <sstream>
 #include <string>
 
+#include "infra/ini_file.h"
+
 namespace kalvo::testing {
 
 inline constexpr const char* kSqliteDsn = "kalvo_test_sqlite";
@@ -44,31 +46,10 @@ class TempDir {
   std::filesystem::path path_;
 };
 
-// The value of `key` in section `section` of an INI file, "" when absent.
-inline std::string IniValue(const std::filesystem::path& file, const std::string& section,
-                            const std::string& key) {
-  std::ifstream in(file);
-  std::string line, current;
-  while (std::getline(in, line)) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (line.size() > 1 && line.front() == '[') {
-      current = line.substr(1, line.find(']') - 1);
-      continue;
-    }
-    const size_t eq = line.find('=');
-    if (current != section || eq == std::string::npos) continue;
-    std::string k = line.substr(0, eq), v = line.substr(eq + 1);
-    while (!k.empty() && k.back() == ' ') k.pop_back();
-    while (!v.empty() && v.front() == ' ') v.erase(0, 1);
-    if (k == key) return v;
-  }
-  return "";
-}
-
 // The driver library of `driver` as the machine's odbcinst.ini names it, made absolute so
 // that a copy of the entry works from another directory.
 inline std::string DriverLibrary(const std::string& driver) {
-  std::string lib = IniValue("/etc/odbcinst.ini", driver, "Driver");
+  std::string lib = ReadIniText("/etc/odbcinst.ini", driver, "Driver");
   if (lib.empty() || lib.front() == '/') return lib;
   for (const char* dir : {"/usr/lib/x86_64-linux-gnu/odbc/", "/usr/lib/x86_64-linux-gnu/",
                           "/usr/lib/aarch64-linux-gnu/odbc/", "/usr/lib/odbc/", "/usr/lib/"}) {
