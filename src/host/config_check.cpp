@@ -29,13 +29,13 @@ int CheckConfig(const ServerOptions& options, std::ostream& out) {
   RegistryStore registry(options.registry_path);
   std::string warnings;
   registry.SetWarningSink([&](const std::string& w) { warnings += "  " + w + "\n"; });
-  Log log(registry, options.log_path.empty() ? Log::LogPathFor(options.program)
-                                             : options.log_path);
+  Log log(registry, options.log_path.empty() ? Log::LogPathFor(options.program) : options.log_path);
   Settings s;
   const std::string key = VersionInfoKeyText();
   std::string read_error;
   try {
-    ReadSettings(registry, [&](std::string_view c) { return DecryptText(c, key); }, s);
+    ReadSettings(
+        registry, [&](std::string_view c) { return DecryptText(c, key); }, s);
   } catch (const std::exception& e) {
     read_error = e.what();
   }
@@ -89,12 +89,8 @@ int CheckConfig(const ServerOptions& options, std::ostream& out) {
     return 1;
   }
   OdbcEnvironment env;
-  const TableState state =
-      CheckDatabaseState(env, log,
-                         {s.dsn, s.login_user, s.login_pass, s.string_type, s.string_max_size,
-                          s.number_type, s.blob_type, s.blob_max_size});
-  out << "database state: " << TableStateName(state) << " (" << static_cast<int>(state)
-      << ")\n";
+  const TableState state = CheckDatabaseState(env, log, DatabaseSettingsFrom(s));
+  out << "database state: " << TableStateName(state) << " (" << static_cast<int>(state) << ")\n";
   out << "all checks passed\n";
   return 0;
 }
