@@ -29,13 +29,12 @@ int CheckConfig(const ServerOptions& options, std::ostream& out) {
   RegistryStore registry(options.registry_path);
   std::string warnings;
   registry.SetWarningSink([&](const std::string& w) { warnings += "  " + w + "\n"; });
-  Log log(registry, options.log_path.empty() ? Log::LogPathFor(options.program) : options.log_path);
+  Log log(registry, LogPathFrom(options));
   Settings s;
-  const std::string key = VersionInfoKeyText();
+  const Decipher decipher = SettingsDecipher();
   std::string read_error;
   try {
-    ReadSettings(
-        registry, [&](std::string_view c) { return DecryptText(c, key); }, s);
+    ReadSettings(registry, decipher, s);
   } catch (const std::exception& e) {
     read_error = e.what();
   }

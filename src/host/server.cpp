@@ -13,12 +13,19 @@ DatabaseSettings DatabaseSettingsFrom(const Settings& s) {
           s.number_type, s.blob_type,  s.blob_max_size};
 }
 
+std::string LogPathFrom(const ServerOptions& options) {
+  return options.log_path.empty() ? Log::LogPathFor(options.program) : options.log_path;
+}
+
+Decipher SettingsDecipher() {
+  return [key = VersionInfoKeyText()](std::string_view cipher) { return DecryptText(cipher, key); };
+}
+
 Server::Server(boost::asio::io_context& io, ServerOptions options)
     : io_(io),
       options_(std::move(options)),
       registry_(options_.registry_path),
-      log_(registry_,
-           options_.log_path.empty() ? Log::LogPathFor(options_.program) : options_.log_path),
+      log_(registry_, LogPathFrom(options_)),
       language_(options_.program, options_.language_id),
       receive_buffers_(log_),
       connections_(io, *this),
@@ -102,9 +109,7 @@ void Server::FormLoad() {
 
 void Server::DoStartupSettings() {
   try {
-    const std::string key = VersionInfoKeyText();
-    ReadSettings(
-        registry_, [&key](std::string_view cipher) { return DecryptText(cipher, key); }, settings_);
+    ReadSettings(registry_, SettingsDecipher(), settings_);
     state_.admin_login_flag = false;
     title_ = language_.GetLanguageString("MAINWIN_SERVER", "TITLE");
     menu_status_ = language_.GetLanguageString("MENU_SERVER", "STATUS");

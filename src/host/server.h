@@ -34,8 +34,15 @@ struct ServerOptions {
   std::string log_path;             // "" = the program's log file
   bool started_as_service = false;  // by systemd, or --foreground
   std::string listen_address = "0.0.0.0";
-  int language_id = 0x09;           // primary language id of the locale
+  int language_id = 0x09;  // primary language id of the locale
 };
+
+// The log file the options ask for: `log_path`, or the program's own log file when it is "".
+std::string LogPathFrom(const ServerOptions& options);
+
+// What deciphers the stored credentials (LoginUser, LoginPass) when the settings are read:
+// DecryptText under the program's version key. Holds its own copy of the key.
+Decipher SettingsDecipher();
 
 // Tray requests: 1 = add the icon, 2 = turn it to the ready state, 4 = delete it.
 inline constexpr int32_t kTrayDelete = 4;
