@@ -22,8 +22,7 @@ Decipher SettingsDecipher() {
 }
 
 Server::Server(boost::asio::io_context& io, ServerOptions options)
-    : io_(io),
-      options_(std::move(options)),
+    : options_(std::move(options)),
       registry_(options_.registry_path),
       log_(registry_, LogPathFrom(options_)),
       language_(options_.program, options_.language_id),
@@ -82,7 +81,6 @@ void Server::FormLoad() {
     std::string fallback;
     const int32_t port = ChooseServerPort(settings_, &fallback);
     if (!fallback.empty()) log_.WriteLog(fallback);
-    server_local_port_ = port;
     std::string error;
     if (!connections_.Listen(static_cast<uint16_t>(port), &error, options_.listen_address)) {
       throw RuntimeError(10048, "Address in use or not available: port " + std::to_string(port) +

@@ -112,7 +112,6 @@ class Server : public ConnectionEvents {
   static void AddToCounter(int32_t& counter, int64_t amount);
   void SocketClose(int index);
 
-  boost::asio::io_context& io_;
   ServerOptions options_;
   RegistryStore registry_;
   Log log_;
@@ -133,7 +132,6 @@ class Server : public ConnectionEvents {
   bool registry_settings_ok_ = false;
   bool service_running_ = false;
   bool unloaded_ = false;
-  int32_t server_local_port_ = 0;
   int32_t bytes_sent_ = 0;
   int32_t bytes_received_ = 0;
   std::string server_start_time_;
