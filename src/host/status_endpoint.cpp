@@ -16,6 +16,7 @@
 #include "infra/log.h"
 #include "infra/runtime_error.h"
 #include "infra/text_encoding.h"
+#include "net/listener.h"
 
 namespace kalvo {
 
@@ -363,11 +364,7 @@ bool StatusEndpoint::Start(uint16_t port) {
   if (state.started || state.stopped) return false;
   try {
     const tcp::endpoint endpoint(asio::ip::address_v4::loopback(), port);
-    beast::error_code ec;
-    state.acceptor.open(endpoint.protocol(), ec);
-    if (!ec) state.acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
-    if (!ec) state.acceptor.bind(endpoint, ec);
-    if (!ec) state.acceptor.listen(asio::socket_base::max_listen_connections, ec);
+    beast::error_code ec = OpenListener(state.acceptor, endpoint);
     if (!ec) state.port = state.acceptor.local_endpoint(ec).port();
     if (ec) {
       beast::error_code ignored;

@@ -5,6 +5,8 @@
 #include <boost/asio/ip/address_v4.hpp>
 #include <boost/asio/write.hpp>
 
+#include "net/listener.h"
+
 namespace kalvo {
 
 namespace asio = boost::asio;
@@ -37,13 +39,7 @@ ConnectionTable::~ConnectionTable() { CloseAll(); }
 bool ConnectionTable::Listen(uint16_t port, std::string* error, const std::string& bind_address) {
   boost::system::error_code ec;
   const auto address = asio::ip::make_address_v4(bind_address, ec);
-  if (!ec) {
-    const tcp::endpoint endpoint(address, port);
-    acceptor_.open(endpoint.protocol(), ec);
-    if (!ec) acceptor_.set_option(tcp::acceptor::reuse_address(true), ec);
-    if (!ec) acceptor_.bind(endpoint, ec);
-    if (!ec) acceptor_.listen(asio::socket_base::max_listen_connections, ec);
-  }
+  if (!ec) ec = OpenListener(acceptor_, tcp::endpoint(address, port));
   if (ec) {
     if (error != nullptr) *error = ec.message();
     boost::system::error_code ignored;
