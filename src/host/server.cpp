@@ -2,6 +2,7 @@
 
 #include <ctime>
 
+#include "infra/numbers.h"
 #include "infra/runtime_error.h"
 #include "infra/text_encoding.h"
 #include "security/encryption.h"
@@ -223,9 +224,7 @@ StatusSnapshot Server::Snapshot() const {
 }
 
 void Server::AddToCounter(int32_t& counter, int64_t amount) {
-  const int64_t sum = static_cast<int64_t>(counter) + amount;
-  if (sum > INT32_MAX) throw RuntimeError(kErrOverflow, "Overflow");
-  counter = static_cast<int32_t>(sum);
+  counter = CheckedAdd(counter, amount);
 }
 
 void Server::OnConnectionRequest(int index, const std::string& remote_address,
