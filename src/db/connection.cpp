@@ -1,10 +1,8 @@
 #include "db/connection.h"
-
-#include <cctype>
-
 #include "infra/arrays.h"
 #include "infra/log.h"
 #include "infra/runtime_error.h"
+#include "infra/strings.h"
 
 namespace kalvo {
 namespace {
@@ -161,14 +159,7 @@ std::string RecordSetText(const RecordSet& result, std::string_view column_delim
 
 int RecordSet::ColumnIndex(std::string_view name) const {
   for (size_t i = 0; i < column_names.size(); ++i) {
-    const std::string& n = column_names[i];
-    if (n.size() != name.size()) continue;
-    bool same = true;
-    for (size_t k = 0; k < n.size() && same; ++k) {
-      same = std::tolower(static_cast<unsigned char>(n[k])) ==
-             std::tolower(static_cast<unsigned char>(name[k]));
-    }
-    if (same) return static_cast<int>(i);
+    if (EqualsNoCase(column_names[i], name)) return static_cast<int>(i);
   }
   return -1;
 }

@@ -3,6 +3,8 @@
 #include <cctype>
 #include <vector>
 
+#include "infra/strings.h"
+
 namespace kalvo {
 namespace {
 
@@ -12,16 +14,6 @@ bool IsIdentChar(char c) {
 }
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (std::toupper(static_cast<unsigned char>(a[i])) !=
-        std::toupper(static_cast<unsigned char>(b[i])))
-      return false;
-  }
-  return true;
-}
 
 bool ContainsNoCase(std::string_view text, std::string_view part) {
   if (part.size() > text.size()) return false;

@@ -1,5 +1,7 @@
 #include "infra/strings.h"
 
+#include <cctype>
+
 namespace kalvo {
 int HexDigitValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -70,6 +72,17 @@ bool IsHexText(std::string_view text) {
   if (text.empty() || text.size() % 2 != 0) return false;
   for (const char c : text) {
     if (HexDigitValue(c) < 0) return false;
+  }
+  return true;
+}
+
+bool EqualsNoCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    if (std::toupper(static_cast<unsigned char>(a[i])) !=
+        std::toupper(static_cast<unsigned char>(b[i]))) {
+      return false;
+    }
   }
   return true;
 }

@@ -33,6 +33,9 @@ std::string HexToText(std::string_view hex);
 // The value of one hexadecimal digit (0-9, A-F, a-f), or -1 for any other character.
 int HexDigitValue(char c);
 
+// True when `a` and `b` are equal but for the case of ASCII letters.
+bool EqualsNoCase(std::string_view a, std::string_view b);
+
 // True when `text` is not empty, has an even length and holds only 0-9, A-F and a-f.
 bool IsHexText(std::string_view text);
 

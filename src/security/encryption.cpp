@@ -52,13 +52,6 @@ std::string HexDigits(uint32_t value, size_t digits) {
   return out;
 }
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 std::string MakeSalt(uint32_t tick_count) {
   std::string salt = HexDigits(tick_count, kSaltLength);
   std::swap(salt[1], salt[7]);
@@ -184,12 +177,13 @@ uint32_t Crc32Text(std::string_view text) {
 std::string HexEncodeText(std::string_view text) { return TextToHex(text); }
 
 std::string HexDecodeText(std::string_view text) {
-  if (!std::all_of(text.begin(), text.end(), [](char c) { return HexValue(c) >= 0; })) return "";
+  if (!std::all_of(text.begin(), text.end(), [](char c) { return HexDigitValue(c) >= 0; }))
+    return "";
   std::string out;
   out.reserve(text.size() / 2 + 1);
   for (size_t i = 0; i < text.size(); i += 2) {
-    int value = HexValue(text[i]);
-    if (i + 1 < text.size()) value = value * 16 + HexValue(text[i + 1]);
+    int value = HexDigitValue(text[i]);
+    if (i + 1 < text.size()) value = value * 16 + HexDigitValue(text[i + 1]);
     out.push_back(static_cast<char>(value));
   }
   return out;
