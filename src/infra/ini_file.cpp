@@ -102,7 +102,10 @@ std::string IniCache::Read(const std::string& file, std::string_view section, st
     entries_.erase(file);
     return DefaultValue(def);
   }
-  const FileStamp stamp = FileStampOf(info);
+  // Identity, size and modification time tell versions apart here; the change time is left
+  // out, so that a file whose modification time was set back keeps its cached text.
+  FileStamp stamp = FileStampOf(info);
+  stamp.ctime = {};
   auto it = entries_.find(file);
   if (it == entries_.end() || !(it->second.stamp == stamp)) {
     const auto bytes = ReadWholeFile(file);
