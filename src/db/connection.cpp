@@ -76,42 +76,73 @@ void FetchAll(SQLHSTMT stmt, RecordSet& result, size_t max_rows) {
   }
 }
 
-// Executes `sql` with an optional binary parameter and fetches the rows. Throws OdbcError.
-RecordSet Execute(DbConnection& connection, std::string_view sql, const std::string_view* bytes,
-                  size_t max_rows) {
+// Binds the statement's values to its "?" markers, in order. `lengths` must hold one entry per
+// value and outlive the execution.
+void BindValues(SQLHSTMT stmt, const Statement& statement, Dialect dialect,
+                std::vector<SQLLEN>& lengths) {
+  static const char kNoBytes = 0;
+  const std::vector<BoundValue>& values = statement.bound();
+  for (size_t i = 0; i < values.size(); ++i) {
+    const BoundValue& v = values[i];
+    const auto marker = static_cast<SQLUSMALLINT>(i + 1);
+    SQLRETURN rc;
+    if (v.kind == BoundValue::Kind::kNumber) {
+      lengths[i] = 0;
+      rc = SQLBindParameter(stmt, marker, SQL_PARAM_INPUT, SQL_C_SLONG, SQL_INTEGER, 0, 0,
+                            const_cast<int32_t*>(&v.number), 0, nullptr);
+    } else {
+      // SQLite never finds an empty blob equal to '' (the way the tables' queries test for an
+      // empty binary column), while an empty text is; other engines see no difference.
+      const bool binary = v.kind == BoundValue::Kind::kBinary &&
+                          !(v.bytes.empty() && dialect == Dialect::kSqlite);
+      lengths[i] = static_cast<SQLLEN>(v.bytes.size());
+      // PostgreSQL's driver takes LONGVARBINARY parameters as large objects; VARBINARY is its
+      // bytea. The others take the long types for data of any length.
+      const bool pg = dialect == Dialect::kPostgreSql;
+      const SQLSMALLINT sql_type = binary ? (pg ? SQL_VARBINARY : SQL_LONGVARBINARY)
+                                          : (pg ? SQL_VARCHAR : SQL_LONGVARCHAR);
+      // Empty bytes are an empty value, not NULL: the driver still needs a buffer.
+      const void* data = v.bytes.empty() ? &kNoBytes : v.bytes.data();
+      rc = SQLBindParameter(stmt, marker, SQL_PARAM_INPUT, binary ? SQL_C_BINARY : SQL_C_CHAR,
+                            sql_type, v.bytes.empty() ? 1 : v.bytes.size(), 0,
+                            const_cast<void*>(data), lengths[i], &lengths[i]);
+    }
+    CheckOdbc(rc, SQL_HANDLE_STMT, stmt, "SQLBindParameter");
+  }
+}
+
+// Executes `statement` and fetches the rows. Throws OdbcError.
+RecordSet Execute(DbConnection& connection, const Statement& statement, size_t max_rows) {
   if (!connection.is_open()) throw OdbcError(0, "08003", "Connection not open");
   StmtHandle stmt = AllocateHandle<SQL_HANDLE_STMT>(SQL_HANDLE_DBC, connection.handle());
-  std::string text = AdaptStatement(sql, connection.dialect());
-  static const char kNoBytes = 0;
-  SQLLEN length = 0;
-  if (bytes != nullptr) {
-    length = static_cast<SQLLEN>(bytes->size());
-    // PostgreSQL's driver takes LONGVARBINARY parameters as large objects; VARBINARY is its
-    // bytea. The others take LONGVARBINARY for data of any length.
-    const SQLSMALLINT sql_type =
-        connection.dialect() == Dialect::kPostgreSql ? SQL_VARBINARY : SQL_LONGVARBINARY;
-    const void* data = bytes->empty() ? &kNoBytes : bytes->data();
-    CheckOdbc(SQLBindParameter(stmt.get(), 1, SQL_PARAM_INPUT, SQL_C_BINARY, sql_type,
-                               bytes->empty() ? 1 : bytes->size(), 0, const_cast<void*>(data),
-                               length, &length),
-              SQL_HANDLE_STMT, stmt.get(), "SQLBindParameter");
-  }
+  std::string text = AdaptStatement(statement.text(), connection.dialect());
+  std::vector<SQLLEN> lengths(statement.bound().size());
+  BindValues(stmt.get(), statement, connection.dialect(), lengths);
   const SQLRETURN rc = SQLExecDirect(stmt.get(), reinterpret_cast<SQLCHAR*>(text.data()),
                                      static_cast<SQLINTEGER>(text.size()));
   RecordSet result;
-  if (rc == SQL_NO_DATA) return result;  // a searched UPDATE or DELETE that hit no row
+  if (rc == SQL_NO_DATA) {  // a searched UPDATE or DELETE that hit no row
+    result.rows_affected = 0;
+    return result;
+  }
   CheckOdbc(rc, SQL_HANDLE_STMT, stmt.get(), "SQLExecDirect");
+  SQLLEN affected = -1;
+  if (OdbcSucceeded(SQLRowCount(stmt.get(), &affected))) result.rows_affected = affected;
   FetchAll(stmt.get(), result, max_rows);
   return result;
 }
 
-bool ExecuteLogged(DbConnection& connection, std::string_view sql, const std::string_view* bytes,
-                   RecordSet& result, size_t max_rows) {
+bool ExecuteLogged(DbConnection& connection, const Statement& statement, RecordSet& result,
+                   size_t max_rows) {
   Database& db = connection.database();
-  const std::string braces = "{" + std::string(sql) + "}";
+  const std::string& sql = statement.text();
+  const std::string braces = "{" + sql + "}";
   result = RecordSet{};
   try {
-    result = Execute(connection, sql, bytes, max_rows);
+    if (auto problem = statement.Problem(connection.dialect())) {
+      throw OdbcError(kErrStatementRefused, "42000", *problem);
+    }
+    result = Execute(connection, statement, max_rows);
     db.log().WriteLog("DBExecuteSQLCommand (OK) " + braces);
     return true;
   } catch (const OdbcError& e) {
@@ -224,14 +255,9 @@ bool DBDisconnect(DbConnection& connection) {
   return true;
 }
 
-bool DBExecuteSQLCommand(DbConnection& connection, std::string_view sql, RecordSet& result,
+bool DBExecuteSQLCommand(DbConnection& connection, const Statement& statement, RecordSet& result,
                          size_t max_rows) {
-  return ExecuteLogged(connection, sql, nullptr, result, max_rows);
-}
-
-bool DBExecuteSQLCommandWithBinary(DbConnection& connection, std::string_view sql,
-                                   std::string_view bytes, RecordSet& result) {
-  return ExecuteLogged(connection, sql, &bytes, result, SIZE_MAX);
+  return ExecuteLogged(connection, statement, result, max_rows);
 }
 
 bool DBCheckConnection(Database& database, std::string_view dsn, std::string_view user,

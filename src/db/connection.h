@@ -12,6 +12,7 @@
 #include "db/database.h"
 #include "db/dialect.h"
 #include "db/odbc_handles.h"
+#include "db/statement.h"
 
 namespace kalvo {
 
@@ -52,6 +53,8 @@ struct RecordSet {
   std::vector<std::string> column_names;
   std::vector<bool> column_is_binary;
   std::vector<std::vector<std::optional<std::string>>> rows;
+  // Rows an UPDATE, INSERT or DELETE changed, as the driver counts them; -1 when unknown.
+  int64_t rows_affected = -1;
 
   // True when there is no row (the end of the set at once).
   bool Eof() const { return rows.empty(); }
@@ -72,21 +75,17 @@ bool DBConnect(DbConnection& connection);
 // Closes the connection; logs "DBDisconnect (OK)" and returns true.
 bool DBDisconnect(DbConnection& connection);
 
-// Executes `sql` (adapted to the engine's dialect, see AdaptStatement; the log shows the
-// text as given) and fetches its rows into `result`. Logs "DBExecuteSQLCommand (OK) {<sql>}" and
-// returns true. On failure stores the native error code and message as the Database's last error,
-// writes an error entry with them, the source "DBExecuteSQLCommand" and the SQL, logs
-// "DBExecuteSQLCommand (Error) {<sql>}", leaves `result` unset (not open) and returns false.
-// At most `max_rows` rows are fetched (0 for a probe that only asks whether the statement
-// runs: `result` then has its columns but no rows).
-bool DBExecuteSQLCommand(DbConnection& connection, std::string_view sql, RecordSet& result,
+// Executes `statement` (adapted to the engine's dialect, see AdaptStatement; the log shows the
+// text as built) with its bound values and fetches its rows into `result`. Logs
+// "DBExecuteSQLCommand (OK) {<sql>}" and returns true. On failure stores the native error code
+// and message as the Database's last error, writes an error entry with them, the source
+// "DBExecuteSQLCommand" and the SQL, logs "DBExecuteSQLCommand (Error) {<sql>}", leaves `result`
+// unset (not open) and returns false. A statement that Statement::Problem refuses fails the
+// same way (error kErrStatementRefused, the problem as its message) without reaching the
+// database. At most `max_rows` rows are fetched (0 for a probe that only asks whether the
+// statement runs: `result` then has its columns but no rows).
+bool DBExecuteSQLCommand(DbConnection& connection, const Statement& statement, RecordSet& result,
                          size_t max_rows = SIZE_MAX);
-
-// Like DBExecuteSQLCommand for a statement with exactly one parameter marker "?", which is
-// bound to `bytes` as binary data (SQL_C_BINARY / SQL_LONGVARBINARY; empty bytes are an
-// empty value, not NULL). Logged and reported exactly as DBExecuteSQLCommand.
-bool DBExecuteSQLCommandWithBinary(DbConnection& connection, std::string_view sql,
-                                   std::string_view bytes, RecordSet& result);
 
 // Connects to `dsn` with `user` and `password` and disconnects again. Logs
 // "DBCheckConnection (OK)" and returns true, or logs the error -1 "Verbindung

@@ -2,7 +2,9 @@
 // settings of the schema, and the last-error fields of the most recent failed statement.
 #pragma once
 
+#include <ctime>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "db/odbc_handles.h"
@@ -31,6 +33,11 @@ class Database {
   OdbcEnvironment& env() const { return env_; }
   Log& log() const { return log_; }
 
+  // The local time that operations stamp their rows with; the system clock unless a test
+  // set another.
+  std::tm Now() const;
+  void set_clock(std::function<std::tm()> clock) { clock_ = std::move(clock); }
+
   const DatabaseSettings& settings() const { return settings_; }
   void set_settings(DatabaseSettings settings) { settings_ = std::move(settings); }
 
@@ -47,6 +54,7 @@ class Database {
   OdbcEnvironment& env_;
   Log& log_;
   DatabaseSettings settings_;
+  std::function<std::tm()> clock_;
   int32_t last_error_number_ = 0;
   std::string last_error_description_;
 };

@@ -112,7 +112,7 @@ int32_t ColumnSize(const Column& c, const DatabaseSettings& s) {
 // Runs one statement on `connection` that only has to succeed; its rows are not fetched.
 bool Runs(DbConnection& connection, std::string_view sql) {
   RecordSet ignored;
-  return DBExecuteSQLCommand(connection, sql, ignored, 0);
+  return DBExecuteSQLCommand(connection, Statement(sql), ignored, 0);
 }
 
 bool InsertDefaultData(DbConnection& connection, int index, const LanguageLookup& language) {
@@ -120,13 +120,46 @@ bool InsertDefaultData(DbConnection& connection, int index, const LanguageLookup
   const std::string name = language ? language("DLG_GROUP_PROPERTIES", "GROUP_EVERYONE") : "";
   const std::string description =
       language ? language("DLG_GROUP_PROPERTIES", "GROUP_EVERYONE_DESCRIPTION") : "";
-  const std::string sql = "INSERT INTO tbl_kdx_groups VALUES ('" + std::string(kEveryoneGroupGuid) +
-                          "', '" + name + "', '" + description + "', 0)";
+  Statement sql("INSERT INTO tbl_kdx_groups VALUES ('");
+  sql.Sql(kEveryoneGroupGuid).Sql("', '").Value(name).Sql("', '").Value(description).Sql("', 0)");
   RecordSet ignored;
   return DBExecuteSQLCommand(connection, sql, ignored);
 }
 
+// Lookup indexes that the original tables lack: without them a logon, a backup or a trim of
+// the audit log reads whole tables, which grows with every token and every entry.
+struct Index {
+  std::string_view name, table, column;
+};
+constexpr Index kIndexes[] = {
+    {"ix_kdx_token_guid", "tbl_kdx_token", "token_guid"},
+    {"ix_kdx_token_groups_token", "tbl_kdx_token_groups", "token_guid"},
+    {"ix_kdx_token_groups_group", "tbl_kdx_token_groups", "group_guid"},
+    {"ix_kdx_backup_token", "tbl_kdx_backup", "token_guid"},
+    {"ix_kdx_job_members_member", "tbl_kdx_job_members", "member_guid"},
+    {"ix_kdx_job_state_token", "tbl_kdx_job_state", "token_guid"},
+    {"ix_kdx_logging_time", "tbl_kdx_logging_client", "token_timestamp"},
+    {"ix_kdx_logging_token", "tbl_kdx_logging_client", "token_guid"},
+};
+
 }  // namespace
+
+void DBCreateIndexes(DbConnection& connection) {
+  // SQL Server and Access know no "IF NOT EXISTS" here; there an existing index makes the
+  // statement fail, which is logged and harmless.
+  const bool if_not_exists =
+      connection.dialect() != Dialect::kSqlServer && connection.dialect() != Dialect::kAccess;
+  for (const Index& index : kIndexes) {
+    std::string sql = if_not_exists ? "CREATE INDEX IF NOT EXISTS " : "CREATE INDEX ";
+    sql += index.name;
+    sql += " ON ";
+    sql += index.table;
+    sql += " (";
+    sql += index.column;
+    sql += ")";
+    Runs(connection, sql);
+  }
+}
 
 std::string_view TableStateName(TableState state) {
   switch (state) {
@@ -168,7 +201,7 @@ std::string CreateTableStatement(int index, const DatabaseSettings& settings) {
 
 bool DBCreateTable(DbConnection& connection, int index, const DatabaseSettings& settings) {
   RecordSet ignored;
-  return DBExecuteSQLCommand(connection, CreateTableStatement(index, settings), ignored);
+  return DBExecuteSQLCommand(connection, Statement(CreateTableStatement(index, settings)), ignored);
 }
 
 bool DBProbeTable(DbConnection& connection, int index) {
@@ -190,6 +223,7 @@ int32_t DBCreateAllTables(DbConnection& connection, const DatabaseSettings& sett
   for (int index = 4; index <= 13; ++index) {
     if (!InsertDefaultData(connection, index, language)) ++failures;
   }
+  DBCreateIndexes(connection);  // never counted: the tables work without them
   return failures;
 }
 
@@ -218,6 +252,7 @@ int32_t DBUpgradeTables(DbConnection& connection, const DatabaseSettings& settin
       }
     }
   }
+  DBCreateIndexes(connection);  // never counted: the tables work without them
   return result;
 }
 
@@ -291,7 +326,7 @@ bool DBAddColumnIfNotExisting(DbConnection& connection, int index, std::string_v
   if (size > 0) sql += "(" + std::to_string(size) + ")";
   Database& db = connection.database();
   RecordSet ignored;
-  if (DBExecuteSQLCommand(connection, sql, ignored)) return true;
+  if (DBExecuteSQLCommand(connection, Statement(sql), ignored)) return true;
   // The execute has recorded the driver's error as the last error; it is reported once
   // more under this operation's name.
   db.log().LogError(db.last_error_number(), db.last_error_description(), "DBAddColumnIfNotExisting",
@@ -319,7 +354,7 @@ TableState DBGetTableState(DbConnection& connection, int number) {
       RecordSet count;
       const std::string sql = "SELECT COUNT(group_guid) FROM tbl_kdx_groups WHERE group_guid='" +
                               std::string(kEveryoneGroupGuid) + "'";
-      if (DBExecuteSQLCommand(connection, sql, count) && !count.Eof() &&
+      if (DBExecuteSQLCommand(connection, Statement(sql), count) && !count.Eof() &&
           count.rows[0][0].value_or("0") == "0") {
         state = TableState::kDataMissing;
       }

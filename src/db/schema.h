@@ -60,16 +60,22 @@ struct ConfigDatabaseHooks {
   std::function<void(const DatabaseSettings&)> store;
 };
 
-// Creates all tables and the default group row on an open connection; the number of
-// failed steps (0-20).
+// Creates all tables, the default group row and the lookup indexes on an open connection;
+// the number of failed steps (0-20; the indexes are not counted).
 int32_t DBCreateAllTables(DbConnection& connection, const DatabaseSettings& settings,
                           const LanguageLookup& language);
+
+// Creates the lookup indexes on token GUIDs (token, membership, backup, job member and job
+// state tables) and on the audit log's time stamp and token GUID, where they are missing.
+// Failures are logged and otherwise ignored: no result counts them and the table-state check
+// does not look at indexes.
+void DBCreateIndexes(DbConnection& connection);
 
 // Drops tables 4-13; the number of drops that failed (0-10).
 int32_t DBDropAllTables(DbConnection& connection);
 
 // Adds what is missing to an existing schema: missing tables are created, missing
-// columns added. Gives the result of the last step performed (0 success, 1 failure).
+// columns and lookup indexes added. Gives the result of the last step performed (0 success, 1 failure).
 int32_t DBUpgradeTables(DbConnection& connection, const DatabaseSettings& settings);
 
 // Configures the database from `parameters`: nine or more fields separated by the NUL

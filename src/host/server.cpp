@@ -30,7 +30,13 @@ Server::Server(boost::asio::io_context& io, ServerOptions options)
       receive_buffers_(log_),
       connections_(io, *this),
       database_(odbc_, log_),
-      dispatcher_(RequestContext{state_, connections_, log_, settings_, audit_, database_}),
+      certificates_(""),
+      dispatcher_(RequestContext{
+          state_, connections_, log_, settings_, database_,
+          [this](std::string_view section, std::string_view key) {
+            return language_.GetLanguageString(section, key);
+          },
+          certificates_}),
       status_(io, log_, [this] { return Snapshot(); }) {
   registry_.SetWarningSink([this](const std::string& line) { log_.WriteLog(line); });
   log_.WriteLog("Form_Initialize...");
@@ -64,8 +70,10 @@ void Server::FormLoad() {
 
     form_unload_mode_ = 0;
     DoStartupSettings();
-    // Whatever was read, also when reading stopped early, is what the database uses.
+    // Whatever was read, also when reading stopped early, is what the database and the
+    // certificate library use.
     database_.set_settings(DatabaseSettingsFrom(settings_));
+    certificates_ = CertificateLibrary(settings_.certificate_library);
     log_.WriteLog("DoStartupSettings completed");
     if (settings_.max_package_size < 1) {
       // A bound below one byte would drop every packet: the server would listen and never
@@ -270,8 +278,7 @@ void Server::OnClose(int index) { SocketClose(index); }
 
 void Server::OnError(int index, int number, const std::string& description) {
   try {
-    audit_.DBLogClientAction(connections_.ConnectionTag(index), AuditAction::kError,
-                             connections_.RemoteAddress(index), "");
+    AuditConnection(index, AuditAction::kError);
     log_.WriteLog("Socket_Error: " + std::to_string(index) + " ErrorNr: " + std::to_string(number) +
                   " ErrorDesc: " + description);
   } catch (...) {
@@ -280,11 +287,16 @@ void Server::OnError(int index, int number, const std::string& description) {
   SocketClose(index);
 }
 
+void Server::AuditConnection(int index, AuditAction action) {
+  DBLogClientAction(database_, AuditSettingsFrom(settings_), connections_.ConnectionTag(index),
+                    action, connections_.RemoteAddress(index), "");
+}
+
 void Server::SocketClose(int index) {
   try {
     const std::string tag = connections_.ConnectionTag(index);
     const std::string address = connections_.RemoteAddress(index);
-    if (!tag.empty()) audit_.DBLogClientAction(tag, AuditAction::kDisconnect, address, "");
+    if (!tag.empty()) AuditConnection(index, AuditAction::kDisconnect);
     const std::string prefix = "Socket_Close (" + std::to_string(index) + "): " + address;
     log_.WriteLog(prefix + " wird getrennt");
     receive_buffers_.Remove(index);

@@ -19,8 +19,9 @@
 #include "infra/settings.h"
 #include "net/connection_table.h"
 #include "net/receive_buffers.h"
-#include "requests/client_audit.h"
+#include "requests/certificates.h"
 #include "requests/dispatcher.h"
+#include "requests/request.h"
 #include "requests/server_state.h"
 
 namespace kalvo {
@@ -93,8 +94,6 @@ class Server : public ConnectionEvents {
   Database& database() { return database_; }
   ServerState& state() { return state_; }
   ConnectionTable& connections() { return connections_; }
-  // Replaces the audit writer (the database one, once configured); must outlive the server.
-  void SetClientAudit(ClientAudit* audit) { audit_.SetTarget(audit); }
 
   // Socket events.
   void OnConnectionRequest(int index, const std::string& remote_address,
@@ -111,6 +110,8 @@ class Server : public ConnectionEvents {
   // Adds `amount` to a 32-bit counter; overflow is an error and leaves the counter as it was.
   static void AddToCounter(int32_t& counter, int64_t amount);
   void SocketClose(int index);
+  // Writes the audit entry of `action` for connection `index`.
+  void AuditConnection(int index, AuditAction action);
 
   ServerOptions options_;
   RegistryStore registry_;
@@ -121,9 +122,9 @@ class Server : public ConnectionEvents {
   ServerState state_;
   ReceiveBuffers receive_buffers_;
   ConnectionTable connections_;
-  ForwardingClientAudit audit_;
   OdbcEnvironment odbc_;
   Database database_;
+  CertificateLibrary certificates_;
   Dispatcher dispatcher_;
   StatusEndpoint status_;
 

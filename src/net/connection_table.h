@@ -13,6 +13,8 @@
 #include <string_view>
 #include <vector>
 
+#include "net/peer_table.h"
+
 namespace kalvo {
 
 // Receives the socket events of the table. Every callback runs on the io_context thread and
@@ -35,11 +37,11 @@ class ConnectionEvents {
   virtual void OnError(int index, int number, const std::string& description) = 0;
 };
 
-class ConnectionTable {
+class ConnectionTable : public PeerTable {
  public:
   // `io` and `events` must outlive the table.
   ConnectionTable(boost::asio::io_context& io, ConnectionEvents& events);
-  ~ConnectionTable();
+  ~ConnectionTable() override;
   ConnectionTable(const ConnectionTable&) = delete;
   ConnectionTable& operator=(const ConnectionTable&) = delete;
 
@@ -55,7 +57,7 @@ class ConnectionTable {
 
   // Queues `bytes` for slot `index`; writes go out in order. Gives false (and sends nothing)
   // when the slot is not loaded or not connected.
-  bool Send(int index, std::string bytes);
+  bool Send(int index, std::string bytes) override;
   // Closes and unloads slot `index`, freeing its index; pending writes are dropped.
   void Unload(int index);
   // Closes every connection and the listener.
@@ -63,12 +65,12 @@ class ConnectionTable {
 
   bool IsLoaded(int index) const;
   // The peer's dotted IPv4 address ("" for a slot that is not loaded).
-  std::string RemoteAddress(int index) const;
+  std::string RemoteAddress(int index) const override;
   // The per-connection text a token client's registration sets; "" when not loaded.
-  std::string ConnectionTag(int index) const;
-  void SetConnectionTag(int index, std::string tag);
+  std::string ConnectionTag(int index) const override;
+  void SetConnectionTag(int index, std::string tag) override;
   // Indices of the loaded connection slots, ascending.
-  std::vector<int> LoadedIndices() const;
+  std::vector<int> LoadedIndices() const override;
   int ConnectionCount() const { return count_; }
   // Connections whose tag is not empty: those with a token.
   int TokenConnectionCount() const;

@@ -10,7 +10,7 @@ void PrepareForSending(SocketDataStruct& record, Log& log) {
   record.PackageSize = SocketGetPackageSize(log, record);
 }
 
-bool SocketSendData(ConnectionTable& connections, int index, SocketDataStruct& record,
+bool SocketSendData(PeerTable& connections, int index, SocketDataStruct& record,
                     bool clear, Log& log) {
   try {
     if (!connections.Send(index, SocketStructToString(log, record))) return false;

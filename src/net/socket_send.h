@@ -1,7 +1,7 @@
 // Sending one packet on a connection.
 #pragma once
 
-#include "net/connection_table.h"
+#include "net/peer_table.h"
 #include "net/packet.h"
 
 namespace kalvo {
@@ -15,7 +15,7 @@ void PrepareForSending(SocketDataStruct& record, Log& log);
 // Queues the wire text of `record` on slot `index` when it is connected, then clears
 // `record` when `clear` is set, and gives true. Gives false and sends nothing otherwise
 // (also for index 0, the listener). Errors are logged as "SocketSendData" and give false.
-bool SocketSendData(ConnectionTable& connections, int index, SocketDataStruct& record,
+bool SocketSendData(PeerTable& connections, int index, SocketDataStruct& record,
                     bool clear, Log& log);
 
 }  // namespace kalvo

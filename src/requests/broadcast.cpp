@@ -14,7 +14,7 @@ bool SendToAllAdmins(RequestContext& ctx, SocketDataStruct& record) {
     // the loop whatever a later change to sending does.
     const std::vector<int> consoles = ctx.state.admin_connections.Indices();
     for (int index : consoles) {
-      ctx.connections.Send(index, wire);
+      ctx.peers.Send(index, wire);
       ctx.log.WriteLog("SendToAllAdmins: ID: " + std::to_string(record.PackageID) +
                        " Socket: " + std::to_string(index) + " Daten gesendet");
     }

@@ -2,21 +2,25 @@
 #pragma once
 
 #include "db/database.h"
+#include "db/schema.h"
 #include "infra/log.h"
 #include "infra/settings.h"
-#include "net/connection_table.h"
-#include "requests/client_audit.h"
+#include "net/peer_table.h"
 #include "requests/server_state.h"
 
 namespace kalvo {
 
+class CertificateLibrary;
+
 struct RequestContext {
   ServerState& state;
-  ConnectionTable& connections;
+  PeerTable& peers;
   Log& log;
   Settings& settings;
-  ClientAudit& audit;
   Database& database;
+  // Texts of the server's language file (GENERAL/YES and NO in the token list).
+  LanguageLookup language;
+  CertificateLibrary& certificates;
 };
 
 }  // namespace kalvo

@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "db/blob.h"
 #include "db_fixture.h"
 
 namespace kalvo::testing {
@@ -42,7 +41,7 @@ TEST_P(ConnectionTest, FailingStatementIsLoggedTwiceAndBecomesLastError) {
   RecordSet rs;
   rs.open = true;
   const std::string sql = "SELECT * FROM kalvo_missing_table";
-  EXPECT_FALSE(DBExecuteSQLCommand(c, sql, rs));
+  EXPECT_FALSE(DBExecuteSQLCommand(c, Statement(sql), rs));
   EXPECT_FALSE(rs.open);
   EXPECT_NE(db().last_error_description(), "");
   const std::string log = LogText();
@@ -51,7 +50,7 @@ TEST_P(ConnectionTest, FailingStatementIsLoggedTwiceAndBecomesLastError) {
 
   // A later success leaves the last error as it was.
   const std::string before = db().last_error_description();
-  EXPECT_TRUE(DBExecuteSQLCommand(c, "SELECT 1", rs));
+  EXPECT_TRUE(DBExecuteSQLCommand(c, Statement("SELECT 1"), rs));
   EXPECT_EQ(db().last_error_description(), before);
   EXPECT_NE(LogText().find("DBExecuteSQLCommand (OK) {SELECT 1}"), std::string::npos);
 }
@@ -61,11 +60,11 @@ TEST_P(ConnectionTest, StatementsWithoutRowsGiveAClosedResultSet) {
   DbConnection c(db());
   ASSERT_TRUE(DBConnect(c));
   RecordSet rs;
-  ASSERT_TRUE(DBExecuteSQLCommand(c, "INSERT INTO t_text VALUES ('a', 'b')", rs));
+  ASSERT_TRUE(DBExecuteSQLCommand(c, Statement("INSERT INTO t_text VALUES ('a', 'b')"), rs));
   EXPECT_FALSE(rs.open);
   // An UPDATE that matches nothing is still a success.
-  ASSERT_TRUE(DBExecuteSQLCommand(c, "UPDATE t_text SET a = 'x' WHERE a = 'none'", rs));
-  ASSERT_TRUE(DBExecuteSQLCommand(c, "SELECT a FROM t_text WHERE a = 'none'", rs));
+  ASSERT_TRUE(DBExecuteSQLCommand(c, Statement("UPDATE t_text SET a = 'x' WHERE a = 'none'"), rs));
+  ASSERT_TRUE(DBExecuteSQLCommand(c, Statement("SELECT a FROM t_text WHERE a = 'none'"), rs));
   EXPECT_TRUE(rs.open);
   EXPECT_TRUE(rs.Eof());
   // Asking an empty set for its text is the error callers avoid by testing Eof first.
@@ -81,7 +80,7 @@ TEST_P(ConnectionTest, ResultSetTextFollowsTheDelimitersAndFlags) {
   DbConnection c(db());
   ASSERT_TRUE(DBConnect(c));
   RecordSet rs;
-  ASSERT_TRUE(DBExecuteSQLCommand(c, "SELECT a, b FROM t_text ORDER BY a", rs));
+  ASSERT_TRUE(DBExecuteSQLCommand(c, Statement("SELECT a, b FROM t_text ORDER BY a"), rs));
 
   struct Case {
     std::string_view cd, rd;
@@ -171,6 +170,23 @@ std::string AllByteValues(size_t size) {
   return bytes;
 }
 
+// Writes `bytes` into column b of the rows of t_blob that match `where`, as a bound value.
+bool WriteBlob(DbConnection& c, std::string_view bytes, std::string_view where,
+               int64_t* affected = nullptr) {
+  RecordSet rs;
+  const bool ok =
+      DBExecuteSQLCommand(c, Statement("UPDATE t_blob SET b = ? WHERE ").Sql(where).BindBinary(bytes), rs);
+  if (affected != nullptr) *affected = rs.rows_affected;
+  return ok;
+}
+
+// Column b of the first row of `select`; nothing when it fails, has no row or b is NULL.
+std::optional<std::string> ReadBlob(DbConnection& c, std::string_view select) {
+  RecordSet rs;
+  if (!DBExecuteSQLCommand(c, Statement(select), rs)) return std::nullopt;
+  return rs.Field(0, "b");
+}
+
 TEST_P(BinaryColumnTest, RoundTripsByteExactly) {
   struct Case {
     std::string bytes;
@@ -185,33 +201,38 @@ TEST_P(BinaryColumnTest, RoundTripsByteExactly) {
   DbConnection c(db());
   ASSERT_TRUE(DBConnect(c));
   for (const Case& k : cases) {
-    ASSERT_TRUE(DBWriteBinaryColumn(c, "t_blob", "b", k.bytes, "k = 'x' AND n = 1")) << k.why;
+    ASSERT_TRUE(WriteBlob(c, k.bytes, "k = 'x' AND n = 1")) << k.why;
     const std::optional<std::string> back =
-        DBReadBinaryColumn(c, "SELECT k, b, n FROM t_blob WHERE k = 'x'", "b");
+        ReadBlob(c, "SELECT k, b, n FROM t_blob WHERE k = 'x'");
     ASSERT_TRUE(back.has_value()) << k.why;
     EXPECT_EQ(back->size(), k.bytes.size()) << k.why;
     EXPECT_TRUE(*back == k.bytes) << k.why;
     // The other row is untouched.
-    EXPECT_EQ(DBReadBinaryColumn(c, "SELECT b FROM t_blob WHERE k = 'y'", "b"), "") << k.why;
+    EXPECT_EQ(ReadBlob(c, "SELECT b FROM t_blob WHERE k = 'y'"), "") << k.why;
   }
   // The column after the binary one is still read correctly.
   RecordSet rs;
-  ASSERT_TRUE(DBExecuteSQLCommand(c, "SELECT k, b, n FROM t_blob WHERE k = 'x'", rs));
+  ASSERT_TRUE(DBExecuteSQLCommand(c, Statement("SELECT k, b, n FROM t_blob WHERE k = 'x'"), rs));
   EXPECT_EQ(rs.Field(0, "n"), "1");
 }
 
 TEST_P(BinaryColumnTest, WriteIsLoggedAndConditionsUseTheDialect) {
   DbConnection c(db());
   ASSERT_TRUE(DBConnect(c));
-  EXPECT_TRUE(DBWriteBinaryColumn(c, "t_blob", "b", "abc", "n = 2AND k = 'y'"));
-  EXPECT_EQ(DBReadBinaryColumn(c, "SELECT b FROM t_blob WHERE k = 'y'", "b"), "abc");
+  int64_t affected = -1;
+  EXPECT_TRUE(WriteBlob(c, "abc", "n = 2AND k = 'y'", &affected));
+  EXPECT_EQ(affected, 1);
+  EXPECT_EQ(ReadBlob(c, "SELECT b FROM t_blob WHERE k = 'y'"), "abc");
   EXPECT_NE(
       LogText().find("DBExecuteSQLCommand (OK) {UPDATE t_blob SET b = ? WHERE n = 2AND k = 'y'}"),
       std::string::npos);
   // No matching row: nothing written, still a success.
-  EXPECT_TRUE(DBWriteBinaryColumn(c, "t_blob", "b", "zzz", "k = 'none'"));
-  EXPECT_FALSE(DBWriteBinaryColumn(c, "t_missing", "b", "zzz", "k = 'x'"));
-  EXPECT_EQ(DBReadBinaryColumn(c, "SELECT b FROM t_blob WHERE k = 'none'", "b"), std::nullopt);
+  EXPECT_TRUE(WriteBlob(c, "zzz", "k = 'none'", &affected));
+  EXPECT_EQ(affected, 0);
+  RecordSet rs;
+  EXPECT_FALSE(DBExecuteSQLCommand(
+      c, Statement("UPDATE t_missing SET b = ? WHERE k = 'x'").BindBinary("zzz"), rs));
+  EXPECT_EQ(ReadBlob(c, "SELECT b FROM t_blob WHERE k = 'none'"), std::nullopt);
 }
 
 TEST(OdbcPooling, TestConfigurationTurnsPoolingOn) {

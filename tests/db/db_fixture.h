@@ -108,7 +108,7 @@ class DbTest : public ::testing::TestWithParam<Engine> {
     ASSERT_TRUE(DBConnect(c));
     for (std::string_view sql : statements) {
       RecordSet ignored;
-      ASSERT_TRUE(DBExecuteSQLCommand(c, sql, ignored)) << sql;
+      ASSERT_TRUE(DBExecuteSQLCommand(c, Statement(sql), ignored)) << sql;
     }
   }
 
@@ -116,7 +116,7 @@ class DbTest : public ::testing::TestWithParam<Engine> {
   std::string Query(std::string_view sql) {
     DbConnection c(db());
     RecordSet rs;
-    if (!DBConnect(c) || !DBExecuteSQLCommand(c, sql, rs) || rs.Eof()) return "";
+    if (!DBConnect(c) || !DBExecuteSQLCommand(c, Statement(sql), rs) || rs.Eof()) return "";
     return DBGetStringFromRecordSet(db(), rs, "|", "$", false, true);
   }
 
@@ -139,12 +139,12 @@ class DbTest : public ::testing::TestWithParam<Engine> {
     ASSERT_TRUE(DBConnect(c)) << LogText();
     RecordSet ignored;
     const std::string view = "DROP VIEW tbl_kdx_token";
-    DBExecuteSQLCommand(c, view, ignored);
+    DBExecuteSQLCommand(c, Statement(view), ignored);
     for (const char* t : kScratchTables) {
-      DBExecuteSQLCommand(c, std::string("DROP TABLE ") + t, ignored);
+      DBExecuteSQLCommand(c, Statement("DROP TABLE ").Sql(t), ignored);
     }
     for (int i = 1; i <= 13; ++i) {
-      DBExecuteSQLCommand(c, "DROP TABLE " + TableNameForCleanup(i), ignored);
+      DBExecuteSQLCommand(c, Statement("DROP TABLE ").Sql(TableNameForCleanup(i)), ignored);
     }
   }
   static std::string TableNameForCleanup(int index);

@@ -1,0 +1,68 @@
+// The frame every database operation of the server runs in, and the small queries several
+// areas share. An operation connects with the stored settings, does its work on that one
+// connection, disconnects and logs "<name> (OK)". A failed connect is logged with the
+// operation's name and gives the operation's empty result; a run-time error inside the work is
+// logged under the operation's name, followed by "<name> (Error)", and gives whatever result
+// the work had assigned by then.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "db/connection.h"
+#include "infra/log.h"
+#include "infra/runtime_error.h"
+
+namespace kalvo {
+
+// Which connect-failure text an operation logs: most use the plain one, a few (the
+// configuration, deletions and a few lookups) the one with "!".
+enum class ConnectFailure { kPlain, kBang };
+
+// Runs `work(connection, result)` inside the frame described above and gives `result`, which
+// starts as `empty`. `work` may throw; nothing escapes this function.
+template <typename T, typename Work>
+T RunOperation(Database& database, std::string_view name, ConnectFailure failure, T empty,
+               Work&& work) {
+  Log& log = database.log();
+  T result = empty;
+  try {
+    DbConnection connection(database);
+    if (!DBConnect(connection)) {
+      log.LogError(0, failure == ConnectFailure::kBang ? kConnectFailedTextBang : kConnectFailedText,
+                   name);
+      return empty;
+    }
+    std::forward<Work>(work)(connection, result);
+    DBDisconnect(connection);
+    log.WriteLog(std::string(name) + " (OK)");
+  } catch (...) {
+    LogCurrentException(log, name);
+    log.WriteLog(std::string(name) + " (Error)");
+  }
+  return result;
+}
+
+// Executes `statement` and gives its rows as text (DBGetStringFromRecordSet with the given
+// delimiters and flags); "" when it fails or yields no row.
+std::string QueryText(DbConnection& connection, const Statement& statement,
+                      std::string_view column_delimiter, std::string_view row_delimiter, bool trim,
+                      bool strip_last);
+
+// Executes `statement`, which only has to succeed.
+bool Execute(DbConnection& connection, const Statement& statement);
+
+// Executes `update`, an UPDATE that stands for setting fields of the rows `select` finds, and
+// fails like a field write into an empty result set when there is no such row. `select` runs
+// only when the driver reports no changed row, since some drivers count changed rows rather
+// than matched ones.
+bool UpdateSelectedRows(DbConnection& connection, const Statement& update, const Statement& select);
+
+// True when "SELECT COUNT(*) FROM <table> WHERE <column> = '<value>'" (followed by
+// " AND <extra>" when `extra` is not empty) counts at least one row. Uses the caller's
+// connection.
+bool DBIsItemInTable(DbConnection& connection, std::string_view table, std::string_view column,
+                     std::string_view value, const Statement& extra = Statement());
+
+}  // namespace kalvo

@@ -1,0 +1,178 @@
+// The client audit log on each engine: writing, trimming and the console's query.
+#include "db/audit.h"
+
+#include "db/tokens.h"
+#include "domain_fixture.h"
+#include "infra/arrays.h"
+
+namespace kalvo::testing {
+namespace {
+
+constexpr const char* kAnna = "A1B2C3D4-0000-4000-8000-00000000000A";
+constexpr const char* kBert = "A1B2C3D4-0000-4000-8000-00000000000B";
+
+class AuditTest : public DomainDbTest {
+ protected:
+  AuditSettings Active() const {
+    AuditSettings s;
+    s.is_active = true;
+    return s;
+  }
+
+  // Writes an entry for `guid` at `timestamp`.
+  void Write(const AuditSettings& s, std::string_view timestamp, AuditAction action,
+             std::string_view guid = kAnna) {
+    SetClock(timestamp);
+    DBLogClientAction(db(), s, std::string(guid) + '\0' + "CN=U" + '\0' + "user", action,
+                      "10.0.0.7", "");
+  }
+
+  int Count() { return std::stoi(Query("SELECT COUNT(*) FROM tbl_kdx_logging_client")); }
+
+  std::string Get(const AuditQuery& q, int32_t max_rows = 100) {
+    total_.clear();
+    return DBGetLoggingInformation(db(), max_rows, q, total_);
+  }
+
+  std::string total_;
+};
+
+TEST_P(AuditTest, InactiveWritesNothingAndActiveWritesTheIdentityFields) {
+  AuditSettings off = Active();
+  off.is_active = false;
+  off.is_limited = true;
+  Write(off, "2027-01-01-00-00-00", AuditAction::kConnect);
+  EXPECT_EQ(Count(), 0);
+  EXPECT_FALSE(Logged("DBDeleteLoggingInformation")) << "no trimming either";
+
+  Write(Active(), "2027-01-01-00-00-01", AuditAction::kRemove);
+  DBLogClientAction(db(), Active(), kBert, static_cast<AuditAction>(9), "10.0.0.9", "act");
+  EXPECT_EQ(Query("SELECT token_guid, user_name, token_action, token_timestamp, token_ip, "
+                  "action_guid, token_user_dn FROM tbl_kdx_logging_client ORDER BY token_guid"),
+            std::string(kAnna) + "|user|REMOVE|2027-01-01-00-00-01|10.0.0.7||CN=U$" + kBert +
+                "||UNKNOWN|2027-01-01-00-00-01|10.0.0.9|act|");
+  EXPECT_TRUE(Logged("{INSERT INTO tbl_kdx_logging_client VALUES ('" + std::string(kAnna) +
+                     "', 'user', 'REMOVE', '2027-01-01-00-00-01', '10.0.0.7', '', 'CN=U')}"));
+}
+
+TEST_P(AuditTest, TrimmingByCountKeepsTheNewestAndTiesStayTogether) {
+  AuditSettings s = Active();
+  s.is_limited = true;
+  s.save_max_count = 3;
+  for (int i = 0; i < 6; ++i) {
+    Write(s, "2027-01-01-00-00-0" + std::to_string(i), AuditAction::kConnect);
+    EXPECT_LE(Count(), 3);
+  }
+  EXPECT_TRUE(Logged("DBDeleteLoggingInformation returned OK"));
+  EXPECT_EQ(Query("SELECT MIN(token_timestamp) FROM tbl_kdx_logging_client"),
+            "2027-01-01-00-00-03");
+  // Two entries share the second-newest time stamp: both stay with the next write, so the
+  // table briefly holds more than the limit rather than losing one of them arbitrarily.
+  MustExecute({"DELETE FROM tbl_kdx_logging_client",
+               "INSERT INTO tbl_kdx_logging_client VALUES ('a','','CONNECT','2027-01-02-00-00-01','','','')",
+               "INSERT INTO tbl_kdx_logging_client VALUES ('b','','CONNECT','2027-01-02-00-00-02','','','')",
+               "INSERT INTO tbl_kdx_logging_client VALUES ('c','','CONNECT','2027-01-02-00-00-02','','','')"});
+  s.save_max_count = 2;  // keeps the newest time stamp: the two tied entries
+  Write(s, "2027-01-02-00-00-03", AuditAction::kConnect);
+  EXPECT_EQ(Query("SELECT token_guid FROM tbl_kdx_logging_client WHERE token_timestamp < "
+                  "'2027-01-02-00-00-03' ORDER BY token_guid"),
+            "b$c");
+}
+
+TEST_P(AuditTest, TrimmingByAgeHappensEvenWhenTheDaysFlagIsOff) {
+  MustExecute({"INSERT INTO tbl_kdx_logging_client VALUES ('old','','CONNECT','2027-02-26-23-59-59','','','')",
+               "INSERT INTO tbl_kdx_logging_client VALUES ('kept','','CONNECT','2027-02-27-00-00-00','','','')"});
+  AuditSettings s = Active();
+  s.is_limited = true;
+  s.is_save_max_count = false;
+  s.is_save_max_days = false;
+  s.save_max_days = 2;
+  Write(s, "2027-03-01-15-30-00", AuditAction::kConnect);
+  EXPECT_TRUE(Logged("{DELETE FROM tbl_kdx_logging_client WHERE token_timestamp < "
+                     "'2027-02-27-00-00-00'}"));
+  EXPECT_EQ(Query("SELECT token_guid FROM tbl_kdx_logging_client ORDER BY token_guid"),
+            std::string(kAnna) + "$kept");
+}
+
+TEST_P(AuditTest, DeletingAllEmptiesTheTable) {
+  Write(Active(), "2027-01-01-00-00-00", AuditAction::kConnect);
+  EXPECT_EQ(DBDeleteLoggingInformation(db(), true, true, 5, true, 5), "OK");
+  EXPECT_EQ(Count(), 0);
+}
+
+class AuditQueryTest : public AuditTest {
+ protected:
+  void SetUp() override {
+    AuditTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    ASSERT_EQ(DBSetLastTokenConnect(db(), kAnna, "", "10.0.0.7", ""), "NEWTOKEN");
+    ASSERT_EQ(DBSetLastTokenConnect(db(), kBert, "", "10.0.0.9", ""), "NEWTOKEN");
+    ASSERT_TRUE(DBSetTokenData(db(), kAnna, "Moller|"));
+    ASSERT_TRUE(DBSetTokenData(db(), kBert, "Muller Hans|"));
+    const AuditSettings s = Active();
+    Write(s, "2027-01-01-00-00-01", AuditAction::kConnect);
+    Write(s, "2027-01-01-00-00-02", AuditAction::kExecute);
+    Write(s, "2027-01-01-00-00-03", AuditAction::kRemove, kBert);
+    Write(s, "2027-01-01-00-00-04", AuditAction::kDisconnect, kBert);
+    // An entry of a token that no longer exists is counted but never shown.
+    Write(s, "2027-01-01-00-00-05", AuditAction::kConnect, "DELETED0-0000-0000-0000-000000000000");
+  }
+
+  // The time stamps (seconds only) of the entries a query returns, newest first.
+  std::string Seconds(const AuditQuery& q, int32_t max_rows = 100) {
+    std::string out;
+    for (const std::string& row : Split(Get(q, max_rows), "\r\n")) {
+      if (!out.empty()) out += ",";
+      out += Split(row, "|").at(4).substr(17);
+    }
+    return out;
+  }
+};
+
+TEST_P(AuditQueryTest, RowsAreNewestFirstWithTheTotalOfTheTable) {
+  const std::string rows = Get(AuditQuery{});
+  EXPECT_EQ(total_, "5");
+  EXPECT_EQ(Split(rows, "\r\n").at(0), std::string(kBert) +
+                                           "|Muller Hans|user|DISCONNECT|2027-01-01-00-00-04|"
+                                           "10.0.0.7|CN=U");
+  EXPECT_EQ(Seconds(AuditQuery{}), "04,03,02,01");
+  EXPECT_EQ(Seconds(AuditQuery{}, 2), "04,03") << "at most the display count, the newest";
+  EXPECT_EQ(Seconds(AuditQuery{}, 0), "");
+}
+
+TEST_P(AuditQueryTest, TheMaskUsesTheFilterBitsNotTheCodes) {
+  AuditQuery q;
+  q.mask = 3;  // CONNECT and REMOVE
+  EXPECT_EQ(Seconds(q), "03,01");
+  EXPECT_TRUE(Logged("AND (tbl_kdx_logging_client.token_action = 'CONNECT' OR "
+                     "tbl_kdx_logging_client.token_action = 'REMOVE') "));
+  q.mask = 16 + 32;
+  EXPECT_EQ(Seconds(q), "04,02");
+  q.mask = 127;
+  EXPECT_EQ(Seconds(q), "04,03,02,01");
+}
+
+TEST_P(AuditQueryTest, TextAndTimeFilters) {
+  AuditQuery q;
+  q.text_filters = "M?ller*\r\n*\r\n*\r\n*";
+  EXPECT_EQ(Seconds(q), "04,03,02,01") << "Moller and Muller Hans alike";
+  EXPECT_TRUE(Logged("AND tbl_kdx_token.token_person LIKE 'M_ller%' "));
+  q.text_filters = "Muller*";
+  EXPECT_EQ(Seconds(q), "04,03") << "missing lines are no filter";
+  q.text_filters = "\r\n\r\n" + std::string(kAnna) + "\r\n10.0.0.*";
+  EXPECT_EQ(Seconds(q), "02,01");
+  q.text_filters = "";
+  q.time_filters = "2027-01-01-00-00-01\r\n2027-01-01-00-00-04";
+  EXPECT_EQ(Seconds(q), "03,02") << "both bounds are exclusive";
+  q.time_filters = "*\r\n2027-01-01-00-00-03";
+  EXPECT_EQ(Seconds(q), "02,01");
+  q.time_filters = "O'Brien";
+  EXPECT_EQ(Get(q), "") << "a quote in a filter fails the query";
+  EXPECT_TRUE(Logged("value holds a quote character"));
+}
+
+KALVO_INSTANTIATE_ENGINES(AuditTest);
+KALVO_INSTANTIATE_ENGINES(AuditQueryTest);
+
+}  // namespace
+}  // namespace kalvo::testing
