@@ -303,10 +303,12 @@ void Server::SocketClose(int index) {
     state_.admin_connections.Remove(index);
     state_.pending_task_collections.erase(ConnectionKey(index));
     if (state_.admin_connections.Count() > 0) {
-      // Tell the consoles that the client has gone. The handler of 102 reads only the
-      // PackageID and the tag in Data and builds the notice itself.
+      // Tell the consoles that the client has gone: the notice carries the closing
+      // connection's tag and its address.
+      SocketClearStruct(state_.current);
       state_.current.PackageID = 102;
       state_.current.Data = tag;
+      state_.current.Misc1 = address;
       dispatcher_.DoSocketAction(0);
     }
     if (index < 1) {

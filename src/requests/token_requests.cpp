@@ -73,11 +73,11 @@ void TokenLogon(Request& r) {
 }
 
 // The token was taken out. The server's own notice for a closing connection (index 0)
-// carries the closing connection's tag: it skips the GUID check and writes no audit entry,
-// so every console learns that the client has gone.
+// carries the closing connection's tag in Data and its address in Misc1: it skips the GUID
+// check and writes no audit entry, so every console learns that the client has gone.
 void TokenRemoved(Request& r) {
   const std::string guid = r.record().Data;
-  const std::string address = r.PeerAddress();
+  const std::string address = r.index() == 0 ? r.record().Misc1 : r.PeerAddress();
   if (r.index() != 0) {
     if (!IsGUID(guid)) return;
     r.Audit(AuditAction::kRemove);
