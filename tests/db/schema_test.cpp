@@ -204,6 +204,39 @@ TEST_P(SchemaTest, AddColumnProbesBeforeAltering) {
   EXPECT_FALSE(DBAddColumnIfNotExisting(c, 2, "tmp_number", "INTEGER", 0, ""));
 }
 
+TEST_P(SchemaTest, LookupIndexesComeWithTheTablesAndTheUpgradeWithoutCountingOrChangingState) {
+  const std::string names =
+      GetParam() == Engine::kSqlite
+          ? "SELECT name FROM sqlite_master WHERE type = 'index' AND name LIKE 'ix_kdx_%' "
+            "ORDER BY name"
+          : "SELECT indexname FROM pg_indexes WHERE indexname LIKE 'ix_kdx_%' ORDER BY indexname";
+  const std::string all =
+      "ix_kdx_backup_token$ix_kdx_job_members_member$ix_kdx_job_state_token$"
+      "ix_kdx_logging_time$ix_kdx_logging_token$ix_kdx_token_groups_group$"
+      "ix_kdx_token_groups_token$ix_kdx_token_guid";
+  ASSERT_EQ(Configure(1), 0);
+  EXPECT_EQ(Query(names), all);
+  // A database made before the indexes existed stays up to date and gets them on upgrade.
+  MustExecute({"DROP INDEX ix_kdx_token_guid", "DROP INDEX ix_kdx_logging_time"});
+  EXPECT_EQ(State(), TableState::kUpToDate);
+  EXPECT_EQ(Configure(2), 0);
+  EXPECT_EQ(Query(names), all);
+  // An index that cannot be made is logged, never counted: here its table is a view.
+  ASSERT_EQ(Configure(3), 0);
+  ASSERT_EQ(Configure(1), 0);
+  MustExecute({"DROP INDEX ix_kdx_token_guid", "DROP TABLE tbl_kdx_token",
+               "CREATE TABLE t_text (token_guid VARCHAR(36), token_person VARCHAR(255), "
+               "token_description VARCHAR(255), token_creation VARCHAR(19), token_last_use "
+               "VARCHAR(19), token_last_ip VARCHAR(15), token_certificate " +
+                   Settings().blob_type + ", token_user_dn VARCHAR(255))",
+               "CREATE VIEW tbl_kdx_token AS SELECT * FROM t_text"});
+  ClearLog();
+  EXPECT_EQ(Configure(2), 0);
+  EXPECT_NE(LogText().find("ix_kdx_token_guid ON tbl_kdx_token (token_guid)}"), std::string::npos);
+  EXPECT_NE(LogText().find("DBExecuteSQLCommand (Error) {CREATE INDEX"), std::string::npos);
+  MustExecute({"DROP VIEW tbl_kdx_token", "DROP TABLE t_text"});
+}
+
 KALVO_INSTANTIATE_ENGINES(SchemaTest);
 
 }  // namespace
