@@ -1,0 +1,177 @@
+// Tokens and the audit log through the real server on an SQLite database: what a token client
+// and a console see on the wire.
+#include <gtest/gtest.h>
+
+#include "../db/odbc_test_env.h"
+#include "../net/packet_printer.h"
+#include "db/schema.h"
+#include "infra/log.h"
+#include "net/packet.h"
+#include "net/socket_send.h"
+#include "server_process.h"
+
+namespace kalvo::testing {
+namespace {
+
+constexpr const char* kAnna = "A1B2C3D4-0000-4000-8000-00000000000A";
+
+// A log that writes nothing (the registry it reads does not exist: level 0).
+struct QuietLog {
+  RegistryStore registry{"/nonexistent/kalvo/registry.reg"};
+  Log log{registry, "/dev/null"};
+};
+
+// A client that speaks packets.
+class PacketPeer {
+ public:
+  explicit PacketPeer(int port) : client_(port) {}
+
+  void Send(int32_t id, std::string data = "", std::string misc1 = "", std::string misc2 = "",
+            std::string misc3 = "") {
+    SocketDataStruct p;
+    p.PackageID = id;
+    p.Data = std::move(data);
+    p.Misc1 = std::move(misc1);
+    p.Misc2 = std::move(misc2);
+    p.Misc3 = std::move(misc3);
+    PrepareForSending(p, quiet_.log);
+    client_.Send(SocketStructToString(quiet_.log, p));
+  }
+
+  // The next packet; PackageID 0 when none came within `quiet_ms`.
+  SocketDataStruct Receive(int quiet_ms = 5000) {
+    std::string head;
+    while (head.find('|') == std::string::npos) {
+      const std::string c = client_.Receive(1, quiet_ms);
+      if (c.empty()) return {};
+      head += c;
+    }
+    const size_t size = std::stoul(head.substr(0, head.find('|')));
+    return SocketStringToStruct(quiet_.log, head + client_.Receive(size - head.size(), quiet_ms));
+  }
+
+  void Close() { client_.Close(); }
+
+ private:
+  QuietLog quiet_;
+  Client client_;
+};
+
+// The ODBC configuration of this test program, written once: the driver manager reads its
+// files once per process.
+const std::filesystem::path& OdbcDir() {
+  static TempDir dir;
+  static const bool written = [] {
+    WriteOdbcConfig(dir.path(), true, dir.path() / "kalvo.db", 0);
+    return true;
+  }();
+  (void)written;
+  return dir.path();
+}
+
+class TokenE2E : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    OdbcDir();
+    {
+      // A fresh schema for every test.
+      QuietLog quiet;
+      OdbcEnvironment env(true);
+      DatabaseSettings s;
+      s.dsn = kSqliteDsn;
+      s.string_type = "VARCHAR";
+      s.string_max_size = 255;
+      s.number_type = "INTEGER";
+      s.blob_type = "BLOB";
+      Database database(env, quiet.log, s);
+      DbConnection c(database);
+      ASSERT_TRUE(DBConnect(c));
+      ASSERT_EQ(DBDropAllTables(c), 0);
+      ASSERT_EQ(DBCreateAllTables(c, s, [](std::string_view, std::string_view key) {
+                  return std::string(key == "GROUP_EVERYONE" ? "Jeder" : "Alle");
+                }),
+                0);
+    }
+    server_ = std::make_unique<ServerProcess>(
+        "\"AuditIsActive\"=dword:ffffffff\r\n"
+        "\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX\\DB]\r\n"
+        "\"DSN\"=\"" + std::string(kSqliteDsn) + "\"\r\n"
+        "\"StringType\"=\"VARCHAR\"\r\n\"StringMaxSize\"=dword:000000ff\r\n"
+        "\"NumberType\"=\"INTEGER\"\r\n\"BLOBType\"=\"BLOB\"\r\n\"BLOBMaxSize\"=dword:00001000\r\n");
+  }
+
+  std::unique_ptr<ServerProcess> server_;
+};
+
+TEST_F(TokenE2E, ConsoleSeesANewTokenItsLogonsAndItsDeparture) {
+  PacketPeer console(server_->port());
+  console.Send(401, "", "UPDATE");
+  SocketDataStruct reply = console.Receive();
+  EXPECT_EQ(reply.PackageID, 401);
+  EXPECT_EQ(reply.Misc1, "1") << "database up to date\n" << server_->Log();
+  EXPECT_EQ(reply.Data, "");
+
+  PacketPeer client(server_->port());
+  client.Send(101, kAnna, "", "anna", "CN=Anna");
+  reply = client.Receive();
+  EXPECT_EQ(reply.PackageID, 101);
+  EXPECT_EQ(reply.Misc1, "255");
+  EXPECT_EQ(reply.Misc3, "0");
+  SocketDataStruct news = console.Receive();
+  EXPECT_EQ(news.PackageID, 401);
+  EXPECT_EQ(news.Misc2, "NEWTOKEN");
+  EXPECT_EQ(news.Misc1, "127.0.0.1");
+  EXPECT_TRUE(news.Data.starts_with(std::string(kAnna) + "$unknown (anna)$")) << news.Data;
+  EXPECT_TRUE(news.Data.ends_with("$CN=Anna$No$127.0.0.1")) << news.Data;
+
+  client.Send(101, kAnna, "", "anna", "CN=Anna");
+  EXPECT_EQ(client.Receive().PackageID, 101);
+  news = console.Receive();
+  EXPECT_EQ(news.PackageID, 101);
+  EXPECT_TRUE(news.Misc2.ends_with(std::string(1, '\0') + "CN=Anna")) << news.Misc2;
+
+  client.Close();
+  news = console.Receive();
+  EXPECT_EQ(news.PackageID, 102);
+  EXPECT_EQ(news.Data, std::string(kAnna) + '\0' + "CN=Anna" + '\0' + "anna");
+  EXPECT_EQ(news.Misc1, "127.0.0.1");
+
+  // The audit log holds both logons and the departure, newest first.
+  console.Send(329, "", "0", "*\r\n*\r\n*\r\n*", "*\r\n*");
+  reply = console.Receive();
+  EXPECT_EQ(reply.PackageID, 329);
+  EXPECT_EQ(reply.Misc3, "3");
+  EXPECT_NE(reply.Data.find("|DISCONNECT|"), std::string::npos) << reply.Data;
+  EXPECT_EQ(ServerProcess::Count(server_->Log(), "ID: 329 Socket: 1 Daten gesendet"), 0);
+}
+
+TEST_F(TokenE2E, EditsAreAnsweredByBroadcastAndClearingTheLogAnswersAs329) {
+  PacketPeer console(server_->port());
+  console.Send(401, kAnna);  // the console's own token registers like a client's
+  EXPECT_EQ(console.Receive().PackageID, 401);
+  EXPECT_EQ(console.Receive().PackageID, 101);
+  EXPECT_EQ(console.Receive().Misc2, "NEWTOKEN");
+
+  console.Send(310, "Anna Berg|Laptop", kAnna);
+  SocketDataStruct reply = console.Receive();
+  EXPECT_EQ(reply.PackageID, 401);
+  EXPECT_NE(reply.Data.find("$Anna Berg$Laptop$"), std::string::npos) << reply.Data;
+  EXPECT_EQ(console.Receive(300).PackageID, 0) << "no direct reply to 310";
+
+  console.Send(330);
+  reply = console.Receive();
+  EXPECT_EQ(reply.PackageID, 329);
+  EXPECT_EQ(reply.Misc1, "Delete=OK");
+  EXPECT_EQ(reply.Misc3, "0");
+
+  console.Send(328, kAnna);
+  reply = console.Receive();
+  EXPECT_EQ(reply.PackageID, 328);
+  EXPECT_EQ(reply.Data, "OK");
+  reply = console.Receive();
+  EXPECT_EQ(reply.PackageID, 401);
+  EXPECT_EQ(reply.Data, "");
+}
+
+}  // namespace
+}  // namespace kalvo::testing
