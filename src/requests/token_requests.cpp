@@ -4,7 +4,7 @@
 
 #include "db/groups.h"
 #include "db/tokens.h"
-#include "requests/guid.h"
+#include "infra/guid.h"
 
 namespace kalvo {
 namespace {

@@ -2,6 +2,8 @@
 // and a console see on the wire.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "../db/odbc_test_env.h"
 #include "../net/packet_printer.h"
 #include "db/schema.h"
@@ -171,6 +173,43 @@ TEST_F(TokenE2E, EditsAreAnsweredByBroadcastAndClearingTheLogAnswersAs329) {
   reply = console.Receive();
   EXPECT_EQ(reply.PackageID, 401);
   EXPECT_EQ(reply.Data, "");
+}
+
+// Runs kalvoctl with `args` against the server; gives its standard output and sets `status`.
+std::string Kalvoctl(const ServerProcess& server, const std::string& args, int& status) {
+  const std::string cmd = std::string(KALVO_BUILD_DIR) + "/kalvoctl " + args + " --port " +
+                          std::to_string(server.port()) + " --timeout 10 2>&1";
+  FILE* pipe = ::popen(cmd.c_str(), "r");
+  std::string out;
+  char buf[4096];
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, pipe)) > 0;) out.append(buf, n);
+  const int raw = ::pclose(pipe);
+  status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  return out;
+}
+
+TEST_F(TokenE2E, TheConsoleCommandsWorkAgainstTheRealServer) {
+  PacketPeer client(server_->port());
+  client.Send(101, kAnna, "", "anna", "CN=Anna");
+  ASSERT_EQ(client.Receive().PackageID, 101);
+  int status = -1;
+  std::string out = Kalvoctl(*server_, "tokens --json", status);
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find(kAnna), std::string::npos) << out;
+  EXPECT_NE(out.find("127.0.0.1"), std::string::npos) << out;
+  out = Kalvoctl(*server_, std::string("rights ") + kAnna, status);
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find("Jeder"), std::string::npos) << out;
+  out = Kalvoctl(*server_, "groups", status);
+  EXPECT_NE(out.find("Jeder"), std::string::npos) << out;
+  out = Kalvoctl(*server_, "audit --action CONNECT --person 'unknown*'", status);
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find("CONNECT"), std::string::npos) << out;
+  EXPECT_NE(out.find("1 of 1"), std::string::npos) << out;
+  out = Kalvoctl(*server_, std::string("delete-token ") + kAnna, status);
+  EXPECT_EQ(status, 0) << out;
+  out = Kalvoctl(*server_, "tokens --json", status);
+  EXPECT_EQ(out.find(kAnna), std::string::npos) << out;
 }
 
 }  // namespace

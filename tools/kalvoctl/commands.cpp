@@ -5,41 +5,22 @@
 #include <iostream>
 #include <memory>
 
-#include "infra/log.h"
-#include "infra/registry_store.h"
 #include "infra/text_encoding.h"
 #include "infra/unique_fd.h"
 #include "kalvoctl/client.h"
+#include "kalvoctl/command_support.h"
 #include "kalvoctl/print.h"
 
 namespace kalvo::ctl {
 namespace {
-
-using Seconds = std::chrono::duration<double>;
 
 // The console registration request: 401 adds the connection to the consoles that receive
 // every broadcast. (501 is not sent: it would make the server swallow its next 350/351 reply.)
 constexpr int32_t kRegisterConsoleId = 401;
 constexpr double kListenConnectTimeout = 5.0;
 
-// Where the codec's log lines go: nowhere. A registry that does not exist leaves the log
-// level at 0, so nothing is written.
-struct QuietLog {
-  RegistryStore registry{"/nonexistent/kalvoctl/registry.reg"};
-  Log log{registry, "/dev/null"};
-};
-
-// Options shared by every command that talks to a server.
-struct ConnectionOptions {
-  std::string host = "127.0.0.1";
-  std::string port = "15243";
-  bool json = false;
-};
-
-void AddConnectionOptions(CLI::App& sub, ConnectionOptions& o) {
-  sub.add_option("--host", o.host, "Server address or name")->capture_default_str();
-  sub.add_option("--port", o.port, "Server TCP port")->capture_default_str();
-  sub.add_flag("--json", o.json, "Print one JSON object per packet and line");
+void AddJsonFlag(CLI::App& sub, bool& json) {
+  sub.add_flag("--json", json, "Print one JSON object per packet and line");
 }
 
 void PrintPacket(const SocketDataStruct& packet, bool json, bool& first) {
@@ -53,18 +34,9 @@ void PrintPacket(const SocketDataStruct& packet, bool json, bool& first) {
   std::cout.flush();
 }
 
-// Reports what went wrong with the connection; gives the exit code for it.
-int ConnectionFailed(const PacketClient& client) {
-  std::cerr << "kalvoctl: " << client.error() << "\n";
-  return kExitConnection;
-}
-
-std::chrono::steady_clock::duration ToDuration(double seconds) {
-  return std::chrono::duration_cast<std::chrono::steady_clock::duration>(Seconds(seconds));
-}
-
 struct SendOptions {
   ConnectionOptions connection;
+  bool json = false;
   int32_t id = 0;
   std::string misc1, misc2, misc3, data, data_file;
   bool binary = false;
@@ -107,7 +79,7 @@ int RunSend(const SendOptions& o) {
   bool first = true;
   const StopReason why = client.Receive(
       [&](const SocketDataStruct& p) {
-        PrintPacket(p, o.connection.json, first);
+        PrintPacket(p, o.json, first);
         return true;
       },
       ToDuration(o.timeout), std::nullopt);
@@ -117,6 +89,7 @@ int RunSend(const SendOptions& o) {
 
 struct ListenOptions {
   ConnectionOptions connection;
+  bool json = false;
   int count = 0;          // 0: no limit
   double duration = 0.0;  // 0: no limit
   bool show_registration = false;
@@ -146,7 +119,7 @@ int RunListen(const ListenOptions& o) {
         const bool is_reply = awaiting_reply && p.PackageID == kRegisterConsoleId;
         awaiting_reply = false;
         if (is_reply && !o.show_registration) return true;
-        PrintPacket(p, o.connection.json, first);
+        PrintPacket(p, o.json, first);
         return o.count == 0 || ++printed < o.count;
       },
       std::nullopt, deadline);
@@ -167,6 +140,7 @@ void AddSendCommand(CLI::App& app, int& exit_code) {
       "Send one packet and print every packet the server sends back, until none has arrived "
       "for --timeout seconds. Texts are taken as UTF-8 and sent as Windows-1252.");
   AddConnectionOptions(*sub, options->connection);
+  AddJsonFlag(*sub, options->json);
   sub->add_option("--id", options->id, "PackageID of the request")->required();
   sub->add_option("--misc1", options->misc1, "Misc1 text (no \"|\")");
   sub->add_option("--misc2", options->misc2, "Misc2 text (no \"|\")");
@@ -190,6 +164,7 @@ void AddListenCommand(CLI::App& app, int& exit_code) {
       "Register as an administration console (request 401) and print every broadcast the "
       "server sends, until interrupted, --count packets or --duration seconds.");
   AddConnectionOptions(*sub, options->connection);
+  AddJsonFlag(*sub, options->json);
   sub->add_option("--count", options->count, "Stop after this many packets")
       ->check(CLI::PositiveNumber);
   sub->add_option("--duration", options->duration, "Stop after this many seconds")

@@ -3,19 +3,28 @@
 
 #include "infra/version.h"
 #include "kalvoctl/commands.h"
+#include "kalvoctl/token_commands.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"kalvoctl - send requests to the token server and watch its broadcasts"};
   app.require_subcommand(1);
   app.footer(
-      "Packets are printed as they arrive, fields in wire order, texts in UTF-8 with control "
-      "characters escaped (\\r, \\n, \\0, \\xNN; JSON: \\uNNNN).\n"
-      "Exit status: 0 success (also when no reply came), 1 the connection failed or the server "
-      "closed it while listening, 2 bad arguments or an unreadable --data-file.");
+      "send and listen print packets as they arrive, fields in wire order, texts in UTF-8 with "
+      "control characters escaped (\\r, \\n, \\0, \\xNN; JSON: \\uNNNN). tokens, groups, "
+      "rights, audit and delete-token print a table, or with --json one JSON document.\n"
+      "Exit status: 0 success (also when no reply came to send), 1 the connection failed, the "
+      "server closed it while listening or before answering, or no answer came within "
+      "--timeout, 2 bad arguments or an unreadable --data-file, 3 the server answered that the "
+      "request failed (delete-token).");
   app.set_version_flag("--version", kalvo::GetVersionText("FileVersion"));
   int exit_code = kalvo::ctl::kExitOk;
   kalvo::ctl::AddSendCommand(app, exit_code);
   kalvo::ctl::AddListenCommand(app, exit_code);
+  kalvo::ctl::AddTokensCommand(app, exit_code);
+  kalvo::ctl::AddGroupsCommand(app, exit_code);
+  kalvo::ctl::AddRightsCommand(app, exit_code);
+  kalvo::ctl::AddAuditCommand(app, exit_code);
+  kalvo::ctl::AddDeleteTokenCommand(app, exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

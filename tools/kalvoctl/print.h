@@ -1,8 +1,10 @@
-// How kalvoctl shows a packet: fields one per line for people, or one JSON object per line
-// for programs. Packet texts are Windows-1252; the output is UTF-8.
+// How kalvoctl shows what it receives: a packet as fields one per line for people or as one
+// JSON object per line for programs, and lists as aligned tables. Packet texts are
+// Windows-1252; the output is UTF-8.
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "net/packet.h"
 
@@ -16,5 +18,13 @@ std::string FormatPacketText(const SocketDataStruct& packet);
 // {"PackageSize":19,"PackageID":102,...,"Data":"PC042"} without a line end; texts as JSON
 // strings (UTF-8, control characters as \uXXXX escapes).
 std::string FormatPacketJson(const SocketDataStruct& packet);
+
+// A table for people: `header` above `rows`, every column as wide as its widest cell, columns
+// two blanks apart, no blanks at line ends, each line ending in "\n". Cells are Windows-1252
+// texts, escaped as in FormatPacketText so that a cell stays on its line; widths count
+// characters, so "M\xFCller" takes six. A row with fewer cells than `header` is filled with
+// empty ones; cells beyond the header's are not shown.
+std::string FormatTable(const std::vector<std::string>& header,
+                        const std::vector<std::vector<std::string>>& rows);
 
 }  // namespace kalvo::ctl

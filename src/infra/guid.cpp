@@ -1,4 +1,4 @@
-#include "requests/guid.h"
+#include "infra/guid.h"
 
 #include <cctype>
 

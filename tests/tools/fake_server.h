@@ -1,0 +1,70 @@
+// What the end-to-end tests of kalvoctl share: a fake server on loopback that answers with
+// fixed packets, a runner for the built kalvoctl, and the wire text of a packet.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "infra/log.h"
+#include "infra/registry_store.h"
+#include "net/packet.h"
+
+namespace kalvo {
+
+// Closes a descriptor on every path out.
+struct Fd {
+  int fd = -1;
+  explicit Fd(int f) : fd(f) {}
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  ~Fd();
+};
+
+// Listens on 127.0.0.1 (a free port), accepts one connection, reads one whole packet, sends
+// `replies` (each as its own write, 20 ms apart), then waits for the client to close. Every
+// wait gives up after 10 s; the destructor waits for that.
+class FakeServer {
+ public:
+  explicit FakeServer(std::vector<std::string> replies);
+  ~FakeServer();
+
+  int port() const { return port_; }
+  // The bytes of the request; complete once the client has exited.
+  const std::string& received() const { return received_; }
+
+ private:
+  void Serve();
+
+  Fd listener_;
+  int port_ = 0;
+  std::vector<std::string> replies_;
+  std::string received_;
+  std::thread thread_;
+};
+
+struct RunResult {
+  int exit_code = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs the built kalvoctl with `args` (shell words) and collects its output and exit code.
+RunResult Kalvoctl(const std::string& args);
+
+class KalvoctlTest : public ::testing::Test {
+ protected:
+  // The wire text of a packet.
+  std::string Wire(int32_t id, std::string data, std::string misc1 = "", std::string misc2 = "",
+                   std::string misc3 = "");
+  // `wire` decoded.
+  SocketDataStruct Decode(const std::string& wire) { return SocketStringToStruct(log_, wire); }
+
+  RegistryStore registry_{"/nonexistent/kalvoctl-test.reg"};
+  Log log_{registry_, "/dev/null"};
+};
+
+}  // namespace kalvo
