@@ -15,7 +15,7 @@ struct FilterBit {
   std::string_view text;
 };
 constexpr FilterBit kFilterBits[] = {
-    {1, "CONNECT"}, {2, "REMOVE"},      {4, "BACKUP"}, {8, "RESTORE"},
+    {1, "CONNECT"},  {2, "REMOVE"},      {4, "BACKUP"}, {8, "RESTORE"},
     {16, "EXECUTE"}, {32, "DISCONNECT"}, {64, "ERROR"},
 };
 
@@ -90,10 +90,9 @@ void DBLogClientAction(Database& database, const AuditSettings& settings, std::s
     const std::string user_dn = fields.size() > 1 ? fields[1] : "";
     const std::string user_name = fields.size() > 2 ? fields[2] : "";
     if (settings.is_limited) {
-      const std::string trimmed =
-          DBDeleteLoggingInformation(database, false, settings.is_save_max_count,
-                                     settings.save_max_count, settings.is_save_max_days,
-                                     settings.save_max_days);
+      const std::string trimmed = DBDeleteLoggingInformation(
+          database, false, settings.is_save_max_count, settings.save_max_count,
+          settings.is_save_max_days, settings.save_max_days);
       log.WriteLog("DBDeleteLoggingInformation returned " + trimmed);
     }
     RunOperation(database, "DBLogClientAction", ConnectFailure::kPlain, false,
@@ -133,19 +132,19 @@ std::string DBDeleteLoggingInformation(Database& database, bool all, bool by_cou
 
 std::string DBGetLoggingInformation(Database& database, int32_t max_rows, const AuditQuery& query,
                                     std::string& total) {
-  return RunOperation(
-      database, "DBGetLoggingInformation", ConnectFailure::kPlain, std::string(),
-      [&](DbConnection& c, std::string& result) {
-        RecordSet rs;
-        // Only the newest `max_rows` are kept, so no more are fetched.
-        const size_t keep = max_rows > 0 ? static_cast<size_t>(max_rows) : 0;
-        if (DBExecuteSQLCommand(c, LoggingQuery(query), rs, keep) && !rs.Eof()) {
-          result = DBGetStringFromRecordSet(database, rs, "|", kCrLf, false, true);
-        }
-        total = QueryText(c, Statement("SELECT Count (*) FROM tbl_kdx_logging_client"), "", " ",
-                          true, false);
-        if (total.empty()) total = "0";
-      });
+  return RunOperation(database, "DBGetLoggingInformation", ConnectFailure::kPlain, std::string(),
+                      [&](DbConnection& c, std::string& result) {
+                        RecordSet rs;
+                        // Only the newest `max_rows` are kept, so no more are fetched.
+                        const size_t keep = max_rows > 0 ? static_cast<size_t>(max_rows) : 0;
+                        if (DBExecuteSQLCommand(c, LoggingQuery(query), rs, keep) && !rs.Eof()) {
+                          result = DBGetStringFromRecordSet(database, rs, "|", kCrLf, false, true);
+                        }
+                        total =
+                            QueryText(c, Statement("SELECT Count (*) FROM tbl_kdx_logging_client"),
+                                      "", " ", true, false);
+                        if (total.empty()) total = "0";
+                      });
 }
 
 }  // namespace kalvo

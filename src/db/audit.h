@@ -28,7 +28,7 @@ std::string_view AuditActionText(int32_t code);
 // The audit settings: whether entries are written, and how the table is trimmed before each.
 struct AuditSettings {
   bool is_active = false;
-  bool is_limited = false;      // trim before each new entry
+  bool is_limited = false;        // trim before each new entry
   bool is_save_max_count = true;  // trim by count, else by age
   int32_t save_max_count = 1000;
   bool is_save_max_days = false;  // stored, but the trimming does not look at it

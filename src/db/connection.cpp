@@ -1,4 +1,5 @@
 #include "db/connection.h"
+
 #include "infra/arrays.h"
 #include "infra/log.h"
 #include "infra/runtime_error.h"
@@ -93,14 +94,14 @@ void BindValues(SQLHSTMT stmt, const Statement& statement, Dialect dialect,
     } else {
       // SQLite never finds an empty blob equal to '' (the way the tables' queries test for an
       // empty binary column), while an empty text is; other engines see no difference.
-      const bool binary = v.kind == BoundValue::Kind::kBinary &&
-                          !(v.bytes.empty() && dialect == Dialect::kSqlite);
+      const bool binary =
+          v.kind == BoundValue::Kind::kBinary && !(v.bytes.empty() && dialect == Dialect::kSqlite);
       lengths[i] = static_cast<SQLLEN>(v.bytes.size());
       // PostgreSQL's driver takes LONGVARBINARY parameters as large objects; VARBINARY is its
       // bytea. The others take the long types for data of any length.
       const bool pg = dialect == Dialect::kPostgreSql;
-      const SQLSMALLINT sql_type = binary ? (pg ? SQL_VARBINARY : SQL_LONGVARBINARY)
-                                          : (pg ? SQL_VARCHAR : SQL_LONGVARCHAR);
+      const SQLSMALLINT sql_type =
+          binary ? (pg ? SQL_VARBINARY : SQL_LONGVARBINARY) : (pg ? SQL_VARCHAR : SQL_LONGVARCHAR);
       // Empty bytes are an empty value, not NULL: the driver still needs a buffer.
       const void* data = v.bytes.empty() ? &kNoBytes : v.bytes.data();
       rc = SQLBindParameter(stmt, marker, SQL_PARAM_INPUT, binary ? SQL_C_BINARY : SQL_C_CHAR,

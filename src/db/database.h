@@ -2,8 +2,8 @@
 // settings of the schema, and the last-error fields of the most recent failed statement.
 #pragma once
 
-#include <ctime>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <string>
 

@@ -14,7 +14,8 @@ void InsertGroup(DbConnection& c, const std::vector<std::string>& fields) {
   if (fields.size() < 5) throw RuntimeError(kErrSubscript, "Subscript out of range");
   const std::string& guid = fields[0];
   const int32_t abilities = fields[3].empty() ? 0 : NumericTextToInt32(fields[3]);
-  if (!Execute(c, Statement("INSERT INTO tbl_kdx_groups VALUES ('").Value(guid).Sql("','','',0)"))) {
+  if (!Execute(c,
+               Statement("INSERT INTO tbl_kdx_groups VALUES ('").Value(guid).Sql("','','',0)"))) {
     throw RuntimeError(1, "Gruppe konnte nicht angelegt werden");
   }
   // Name and description go in as bound values: an apostrophe in them is no problem there.
@@ -44,7 +45,8 @@ void RemoveOrphanedActionMembers(DbConnection& c) {
         DBIsItemInTable(c, "tbl_kdx_groups", "group_guid", guid)) {
       continue;
     }
-    Execute(c, Statement("DELETE FROM tbl_kdx_job_members WHERE member_guid = '").Value(guid).Sql("'"));
+    Execute(
+        c, Statement("DELETE FROM tbl_kdx_job_members WHERE member_guid = '").Value(guid).Sql("'"));
   }
 }
 
@@ -58,7 +60,8 @@ std::string DBGetGroupData(Database& database) {
         if (!DBExecuteSQLCommand(c, Statement("SELECT * FROM tbl_kdx_groups"), rs) || rs.Eof()) {
           return;
         }
-        std::vector<std::string> rows = DBGetArrayFromRecordSet(database, rs, "|", kCrLf, false, true);
+        std::vector<std::string> rows =
+            DBGetArrayFromRecordSet(database, rs, "|", kCrLf, false, true);
         for (std::string& row : rows) {
           Statement members(
               "SELECT tbl_kdx_token.token_guid, tbl_kdx_token.token_person "
@@ -78,9 +81,11 @@ std::string DBGetGroupData(Database& database) {
 
 bool DBSetGroupData(Database& database, std::string_view data) {
   return RunOperation(
-      database, "DBSetGroupData", ConnectFailure::kPlain, false, [&](DbConnection& c, bool& result) {
+      database, "DBSetGroupData", ConnectFailure::kPlain, false,
+      [&](DbConnection& c, bool& result) {
         if (!Execute(c, Statement("DELETE FROM tbl_kdx_groups WHERE group_guid IS NOT NULL")) ||
-            !Execute(c, Statement("DELETE FROM tbl_kdx_token_groups WHERE group_guid IS NOT NULL"))) {
+            !Execute(c,
+                     Statement("DELETE FROM tbl_kdx_token_groups WHERE group_guid IS NOT NULL"))) {
           return;
         }
         if (!data.empty()) {
@@ -92,17 +97,16 @@ bool DBSetGroupData(Database& database, std::string_view data) {
 }
 
 std::string DBGetAllMemberGUIDs(Database& database) {
-  return RunOperation(
-      database, "DBGetAllMemberGUIDs", ConnectFailure::kBang, std::string(),
-      [&](DbConnection& c, std::string& result) {
-        const std::string groups =
-            QueryText(c, Statement("SELECT group_name, group_guid FROM tbl_kdx_groups"), "$", "|",
-                      true, true);
-        const std::string tokens =
-            QueryText(c, Statement("SELECT token_person, token_guid FROM tbl_kdx_token"), "$", "|",
-                      true, true);
-        result = groups + std::string(kCrLf) + tokens;
-      });
+  return RunOperation(database, "DBGetAllMemberGUIDs", ConnectFailure::kBang, std::string(),
+                      [&](DbConnection& c, std::string& result) {
+                        const std::string groups = QueryText(
+                            c, Statement("SELECT group_name, group_guid FROM tbl_kdx_groups"), "$",
+                            "|", true, true);
+                        const std::string tokens = QueryText(
+                            c, Statement("SELECT token_person, token_guid FROM tbl_kdx_token"), "$",
+                            "|", true, true);
+                        result = groups + std::string(kCrLf) + tokens;
+                      });
 }
 
 bool DBGetGroupMembers(DbConnection& connection, std::vector<std::string>& tokens,

@@ -30,8 +30,8 @@ T RunOperation(Database& database, std::string_view name, ConnectFailure failure
   try {
     DbConnection connection(database);
     if (!DBConnect(connection)) {
-      log.LogError(0, failure == ConnectFailure::kBang ? kConnectFailedTextBang : kConnectFailedText,
-                   name);
+      log.LogError(
+          0, failure == ConnectFailure::kBang ? kConnectFailedTextBang : kConnectFailedText, name);
       return empty;
     }
     std::forward<Work>(work)(connection, result);

@@ -75,7 +75,8 @@ void DBCreateIndexes(DbConnection& connection);
 int32_t DBDropAllTables(DbConnection& connection);
 
 // Adds what is missing to an existing schema: missing tables are created, missing
-// columns and lookup indexes added. Gives the result of the last step performed (0 success, 1 failure).
+// columns and lookup indexes added. Gives the result of the last step performed (0 success, 1
+// failure).
 int32_t DBUpgradeTables(DbConnection& connection, const DatabaseSettings& settings);
 
 // Configures the database from `parameters`: nine or more fields separated by the NUL

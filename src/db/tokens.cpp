@@ -67,7 +67,8 @@ std::string DBSetLastTokenConnect(Database& database, std::string_view guid,
           log.LogError(0, "GUID von Jeder nicht ermittelt", "DBSetLastTokenConnect");
           return;
         }
-        const std::string group_guid = DBGetStringFromRecordSet(database, group, "", " ", true, false);
+        const std::string group_guid =
+            DBGetStringFromRecordSet(database, group, "", " ", true, false);
         Statement join("INSERT INTO tbl_kdx_token_groups VALUES ('");
         join.Value(guid).Sql("','").Value(group_guid).Sql("')");
         if (Execute(c, join)) result = "NEWTOKEN";
@@ -87,18 +88,18 @@ bool DBSetTokenData(Database& database, std::string_view guid, std::string_view 
 }
 
 std::string DBGetTokenData(Database& database, std::string_view guid) {
-  return RunOperation(
-      database, "DBGetTokenData", ConnectFailure::kPlain, std::string(),
-      [&](DbConnection& c, std::string& result) {
-        Statement sql(
-            "SELECT DISTINCT tbl_kdx_groups.group_name, tbl_kdx_groups.group_guid "
-            "FROM tbl_kdx_token_groups, tbl_kdx_groups "
-            "WHERE tbl_kdx_token_groups.group_guid = tbl_kdx_groups.group_guid "
-            "AND tbl_kdx_token_groups.token_guid = '");
-        sql.Value(guid).Sql("'");
-        // Name and GUID of a group are separated by the line break, the groups by "|".
-        result = QueryText(c, sql, kCrLf, "|", true, true);
-      });
+  return RunOperation(database, "DBGetTokenData", ConnectFailure::kPlain, std::string(),
+                      [&](DbConnection& c, std::string& result) {
+                        Statement sql(
+                            "SELECT DISTINCT tbl_kdx_groups.group_name, tbl_kdx_groups.group_guid "
+                            "FROM tbl_kdx_token_groups, tbl_kdx_groups "
+                            "WHERE tbl_kdx_token_groups.group_guid = tbl_kdx_groups.group_guid "
+                            "AND tbl_kdx_token_groups.token_guid = '");
+                        sql.Value(guid).Sql("'");
+                        // Name and GUID of a group are separated by the line break, the groups by
+                        // "|".
+                        result = QueryText(c, sql, kCrLf, "|", true, true);
+                      });
 }
 
 std::string DBGetTokenList(Database& database, const LanguageLookup& language,
@@ -136,10 +137,9 @@ bool DBTokenHasCertificate(DbConnection& connection, std::string_view guid) {
 }
 
 int32_t DBTokenHasCertificate(Database& database, std::string_view guid) {
-  return RunOperation(database, "DBTokenHasCertificate", ConnectFailure::kPlain, int32_t{0},
-                      [&](DbConnection& c, int32_t& result) {
-                        result = DBTokenHasCertificate(c, guid) ? 1 : 0;
-                      });
+  return RunOperation(
+      database, "DBTokenHasCertificate", ConnectFailure::kPlain, int32_t{0},
+      [&](DbConnection& c, int32_t& result) { result = DBTokenHasCertificate(c, guid) ? 1 : 0; });
 }
 
 std::string DBDeleteToken(Database& database, std::string_view list) {
@@ -164,15 +164,15 @@ std::string DBDeleteToken(Database& database, std::string_view list) {
 }
 
 int32_t DBGetTokenRights(Database& database, std::string_view guid) {
-  return RunOperation(database, "DBGetTokenRights", ConnectFailure::kBang, int32_t{0},
-                      [&](DbConnection& c, int32_t& result) {
-                        Statement sql(
-                            "SELECT tbl_kdx_groups.group_abilities "
-                            "FROM tbl_kdx_groups, tbl_kdx_token_groups WHERE token_guid = '");
-                        sql.Value(guid).Sql(
-                            "' AND tbl_kdx_token_groups.group_guid = tbl_kdx_groups.group_guid");
-                        result = DBGetMaxValue(QueryText(c, sql, "", "$", false, true), "$");
-                      });
+  return RunOperation(
+      database, "DBGetTokenRights", ConnectFailure::kBang, int32_t{0},
+      [&](DbConnection& c, int32_t& result) {
+        Statement sql(
+            "SELECT tbl_kdx_groups.group_abilities "
+            "FROM tbl_kdx_groups, tbl_kdx_token_groups WHERE token_guid = '");
+        sql.Value(guid).Sql("' AND tbl_kdx_token_groups.group_guid = tbl_kdx_groups.group_guid");
+        result = DBGetMaxValue(QueryText(c, sql, "", "$", false, true), "$");
+      });
 }
 
 int32_t DBGetMaxValue(std::string_view text, std::string_view separator) {

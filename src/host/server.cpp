@@ -31,12 +31,11 @@ Server::Server(boost::asio::io_context& io, ServerOptions options)
       connections_(io, *this),
       database_(odbc_, log_),
       certificates_(""),
-      dispatcher_(RequestContext{
-          state_, connections_, log_, settings_, database_,
-          [this](std::string_view section, std::string_view key) {
-            return language_.GetLanguageString(section, key);
-          },
-          certificates_}),
+      dispatcher_(RequestContext{state_, connections_, log_, settings_, database_,
+                                 [this](std::string_view section, std::string_view key) {
+                                   return language_.GetLanguageString(section, key);
+                                 },
+                                 certificates_}),
       status_(io, log_, [this] { return Snapshot(); }) {
   registry_.SetWarningSink([this](const std::string& line) { log_.WriteLog(line); });
   log_.WriteLog("Form_Initialize...");

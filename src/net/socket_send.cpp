@@ -10,8 +10,8 @@ void PrepareForSending(SocketDataStruct& record, Log& log) {
   record.PackageSize = SocketGetPackageSize(log, record);
 }
 
-bool SocketSendData(PeerTable& connections, int index, SocketDataStruct& record,
-                    bool clear, Log& log) {
+bool SocketSendData(PeerTable& connections, int index, SocketDataStruct& record, bool clear,
+                    Log& log) {
   try {
     if (!connections.Send(index, SocketStructToString(log, record))) return false;
     if (clear) SocketClearStruct(record);

@@ -1,8 +1,8 @@
 // Sending one packet on a connection.
 #pragma once
 
-#include "net/peer_table.h"
 #include "net/packet.h"
+#include "net/peer_table.h"
 
 namespace kalvo {
 
@@ -15,7 +15,7 @@ void PrepareForSending(SocketDataStruct& record, Log& log);
 // Queues the wire text of `record` on slot `index` when it is connected, then clears
 // `record` when `clear` is set, and gives true. Gives false and sends nothing otherwise
 // (also for index 0, the listener). Errors are logged as "SocketSendData" and give false.
-bool SocketSendData(PeerTable& connections, int index, SocketDataStruct& record,
-                    bool clear, Log& log);
+bool SocketSendData(PeerTable& connections, int index, SocketDataStruct& record, bool clear,
+                    Log& log);
 
 }  // namespace kalvo

@@ -28,8 +28,7 @@ void QueryAudit(Request& r) {
 }
 
 void ClearAudit(Request& r) {
-  const std::string deleted =
-      DBDeleteLoggingInformation(r.ctx.database, true, false, 0, false, 0);
+  const std::string deleted = DBDeleteLoggingInformation(r.ctx.database, true, false, 0, false, 0);
   AnswerAudit(r, AuditQuery{}, "Delete=" + deleted);
 }
 

@@ -22,8 +22,8 @@ void CreateTokenCertificate(Request& r) {
     return;
   }
   log.WriteLog("CreateCertificate returned true");
-  const std::string stored = CertificateRecord(
-      request_data, FormatTimestamp(r.ctx.database.Now()), r.PeerAddress(), certificate);
+  const std::string stored = CertificateRecord(request_data, FormatTimestamp(r.ctx.database.Now()),
+                                               r.PeerAddress(), certificate);
   log.WriteLog("Setting certificate into database");
   const bool saved = DBSetCertificate(r.ctx.database, stored, guid);
   log.WriteLog(saved ? "DBSetCertificate returned true" : "DBSetCertificate returned false");

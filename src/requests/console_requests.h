@@ -6,8 +6,8 @@
 
 namespace kalvo {
 
-void Echo(Request& r);           // 311
-void ConsoleLogin(Request& r);   // 401
-void AdminLogin(Request& r);     // 501
+void Echo(Request& r);          // 311
+void ConsoleLogin(Request& r);  // 401
+void AdminLogin(Request& r);    // 501
 
 }  // namespace kalvo

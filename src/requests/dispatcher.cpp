@@ -19,19 +19,19 @@ struct Route {
 
 // Every request the server answers. Numbers not listed are ignored after the log line.
 constexpr Route kRoutes[] = {
-    {101, TokenLogon},           // token client: token inserted (or a console's own token)
-    {102, TokenRemoved},         // token client: token removed; also the close notice
-    {301, GetGroups},            // groups with their members
-    {302, SetGroups},            // replace all groups
-    {303, GroupNames},           // distinct group names
-    {304, TokenPersons},         // distinct token persons
+    {101, TokenLogon},    // token client: token inserted (or a console's own token)
+    {102, TokenRemoved},  // token client: token removed; also the close notice
+    {301, GetGroups},     // groups with their members
+    {302, SetGroups},     // replace all groups
+    {303, GroupNames},    // distinct group names
+    {304, TokenPersons},  // distinct token persons
     {307, GetTokenRightsAndGroups},
-    {310, SetTokenData},         // person and description; answered by broadcast
+    {310, SetTokenData},  // person and description; answered by broadcast
     {311, Echo},
-    {316, GetMemberChoices},     // groups and tokens as possible action members
-    {328, DeleteTokens},         // answered, then the list broadcast
+    {316, GetMemberChoices},  // groups and tokens as possible action members
+    {328, DeleteTokens},      // answered, then the list broadcast
     {329, QueryAudit},
-    {330, ClearAudit},           // answered as 329
+    {330, ClearAudit},  // answered as 329
     {401, ConsoleLogin},
     {501, AdminLogin},
     {601, CreateTokenCertificate},

@@ -69,9 +69,12 @@ TEST_P(AuditTest, TrimmingByCountKeepsTheNewestAndTiesStayTogether) {
   // Two entries share the second-newest time stamp: both stay with the next write, so the
   // table briefly holds more than the limit rather than losing one of them arbitrarily.
   MustExecute({"DELETE FROM tbl_kdx_logging_client",
-               "INSERT INTO tbl_kdx_logging_client VALUES ('a','','CONNECT','2027-01-02-00-00-01','','','')",
-               "INSERT INTO tbl_kdx_logging_client VALUES ('b','','CONNECT','2027-01-02-00-00-02','','','')",
-               "INSERT INTO tbl_kdx_logging_client VALUES ('c','','CONNECT','2027-01-02-00-00-02','','','')"});
+               "INSERT INTO tbl_kdx_logging_client VALUES "
+               "('a','','CONNECT','2027-01-02-00-00-01','','','')",
+               "INSERT INTO tbl_kdx_logging_client VALUES "
+               "('b','','CONNECT','2027-01-02-00-00-02','','','')",
+               "INSERT INTO tbl_kdx_logging_client VALUES "
+               "('c','','CONNECT','2027-01-02-00-00-02','','','')"});
   s.save_max_count = 2;  // keeps the newest time stamp: the two tied entries
   Write(s, "2027-01-02-00-00-03", AuditAction::kConnect);
   EXPECT_EQ(Query("SELECT token_guid FROM tbl_kdx_logging_client WHERE token_timestamp < "
@@ -80,16 +83,20 @@ TEST_P(AuditTest, TrimmingByCountKeepsTheNewestAndTiesStayTogether) {
 }
 
 TEST_P(AuditTest, TrimmingByAgeHappensEvenWhenTheDaysFlagIsOff) {
-  MustExecute({"INSERT INTO tbl_kdx_logging_client VALUES ('old','','CONNECT','2027-02-26-23-59-59','','','')",
-               "INSERT INTO tbl_kdx_logging_client VALUES ('kept','','CONNECT','2027-02-27-00-00-00','','','')"});
+  MustExecute(
+      {"INSERT INTO tbl_kdx_logging_client VALUES "
+       "('old','','CONNECT','2027-02-26-23-59-59','','','')",
+       "INSERT INTO tbl_kdx_logging_client VALUES "
+       "('kept','','CONNECT','2027-02-27-00-00-00','','','')"});
   AuditSettings s = Active();
   s.is_limited = true;
   s.is_save_max_count = false;
   s.is_save_max_days = false;
   s.save_max_days = 2;
   Write(s, "2027-03-01-15-30-00", AuditAction::kConnect);
-  EXPECT_TRUE(Logged("{DELETE FROM tbl_kdx_logging_client WHERE token_timestamp < "
-                     "'2027-02-27-00-00-00'}"));
+  EXPECT_TRUE(
+      Logged("{DELETE FROM tbl_kdx_logging_client WHERE token_timestamp < "
+             "'2027-02-27-00-00-00'}"));
   EXPECT_EQ(Query("SELECT token_guid FROM tbl_kdx_logging_client ORDER BY token_guid"),
             std::string(kAnna) + "$kept");
 }
@@ -144,8 +151,9 @@ TEST_P(AuditQueryTest, TheMaskUsesTheFilterBitsNotTheCodes) {
   AuditQuery q;
   q.mask = 3;  // CONNECT and REMOVE
   EXPECT_EQ(Seconds(q), "03,01");
-  EXPECT_TRUE(Logged("AND (tbl_kdx_logging_client.token_action = 'CONNECT' OR "
-                     "tbl_kdx_logging_client.token_action = 'REMOVE') "));
+  EXPECT_TRUE(
+      Logged("AND (tbl_kdx_logging_client.token_action = 'CONNECT' OR "
+             "tbl_kdx_logging_client.token_action = 'REMOVE') "));
   q.mask = 16 + 32;
   EXPECT_EQ(Seconds(q), "04,02");
   q.mask = 127;

@@ -174,8 +174,8 @@ std::string AllByteValues(size_t size) {
 bool WriteBlob(DbConnection& c, std::string_view bytes, std::string_view where,
                int64_t* affected = nullptr) {
   RecordSet rs;
-  const bool ok =
-      DBExecuteSQLCommand(c, Statement("UPDATE t_blob SET b = ? WHERE ").Sql(where).BindBinary(bytes), rs);
+  const bool ok = DBExecuteSQLCommand(
+      c, Statement("UPDATE t_blob SET b = ? WHERE ").Sql(where).BindBinary(bytes), rs);
   if (affected != nullptr) *affected = rs.rows_affected;
   return ok;
 }
@@ -202,8 +202,7 @@ TEST_P(BinaryColumnTest, RoundTripsByteExactly) {
   ASSERT_TRUE(DBConnect(c));
   for (const Case& k : cases) {
     ASSERT_TRUE(WriteBlob(c, k.bytes, "k = 'x' AND n = 1")) << k.why;
-    const std::optional<std::string> back =
-        ReadBlob(c, "SELECT k, b, n FROM t_blob WHERE k = 'x'");
+    const std::optional<std::string> back = ReadBlob(c, "SELECT k, b, n FROM t_blob WHERE k = 'x'");
     ASSERT_TRUE(back.has_value()) << k.why;
     EXPECT_EQ(back->size(), k.bytes.size()) << k.why;
     EXPECT_TRUE(*back == k.bytes) << k.why;

@@ -23,9 +23,10 @@ class DomainDbTest : public DbTest {
     SetClock("2027-03-01-09-05-03");
     DbConnection c(db());
     ASSERT_TRUE(DBConnect(c));
-    ASSERT_EQ(DBCreateAllTables(c, Settings(), [](std::string_view, std::string_view key) {
-                return std::string(key == "GROUP_EVERYONE" ? "Jeder" : "Alle");
-              }),
+    ASSERT_EQ(DBCreateAllTables(c, Settings(),
+                                [](std::string_view, std::string_view key) {
+                                  return std::string(key == "GROUP_EVERYONE" ? "Jeder" : "Alle");
+                                }),
               0);
     ClearLog();
   }
@@ -38,9 +39,7 @@ class DomainDbTest : public DbTest {
   }
 
   // The log written since the last ClearLog holds `part`.
-  bool Logged(std::string_view part) const {
-    return LogText().find(part) != std::string::npos;
-  }
+  bool Logged(std::string_view part) const { return LogText().find(part) != std::string::npos; }
 };
 
 }  // namespace kalvo::testing

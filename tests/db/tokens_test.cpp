@@ -47,23 +47,22 @@ TEST_P(TokensTest, WithoutAGroupNamedJederTheTokenStaysWithoutGroup) {
 }
 
 TEST_P(TokensTest, RightsAreTheUnionOfTheGroupsAbilities) {
-  MustExecute({"INSERT INTO tbl_kdx_token VALUES ('" + std::string(kAnna) +
-                   "','','','','','','','')",
-               "INSERT INTO tbl_kdx_groups VALUES ('" + std::string(kAdmins) + "','a','',3)",
-               "INSERT INTO tbl_kdx_groups VALUES ('" + std::string(kUsers) + "','u','',12)",
-               "INSERT INTO tbl_kdx_token_groups VALUES ('" + std::string(kAnna) + "','" +
-                   kAdmins + "')",
-               "INSERT INTO tbl_kdx_token_groups VALUES ('" + std::string(kAnna) + "','" +
-                   kUsers + "')"});
+  MustExecute(
+      {"INSERT INTO tbl_kdx_token VALUES ('" + std::string(kAnna) + "','','','','','','','')",
+       "INSERT INTO tbl_kdx_groups VALUES ('" + std::string(kAdmins) + "','a','',3)",
+       "INSERT INTO tbl_kdx_groups VALUES ('" + std::string(kUsers) + "','u','',12)",
+       "INSERT INTO tbl_kdx_token_groups VALUES ('" + std::string(kAnna) + "','" + kAdmins + "')",
+       "INSERT INTO tbl_kdx_token_groups VALUES ('" + std::string(kAnna) + "','" + kUsers + "')"});
   EXPECT_EQ(DBGetTokenRights(db(), kAnna), 15);
   EXPECT_EQ(DBGetTokenRights(db(), kBert), 0) << "a token in no group";
   // One group keeps every bit; with a second group only the five ability bits remain.
-  MustExecute({"UPDATE tbl_kdx_groups SET group_abilities = 35 WHERE group_name = 'a'",
-               "DELETE FROM tbl_kdx_token_groups WHERE group_guid = '" + std::string(kUsers) + "'"});
+  MustExecute(
+      {"UPDATE tbl_kdx_groups SET group_abilities = 35 WHERE group_name = 'a'",
+       "DELETE FROM tbl_kdx_token_groups WHERE group_guid = '" + std::string(kUsers) + "'"});
   EXPECT_EQ(DBGetTokenRights(db(), kAnna), 35);
-  MustExecute({"UPDATE tbl_kdx_groups SET group_abilities = 0 WHERE group_name = 'u'",
-               "INSERT INTO tbl_kdx_token_groups VALUES ('" + std::string(kAnna) + "','" +
-                   kUsers + "')"});
+  MustExecute(
+      {"UPDATE tbl_kdx_groups SET group_abilities = 0 WHERE group_name = 'u'",
+       "INSERT INTO tbl_kdx_token_groups VALUES ('" + std::string(kAnna) + "','" + kUsers + "')"});
   EXPECT_EQ(DBGetTokenRights(db(), kAnna), 3);
   const std::string groups = DBGetTokenData(db(), kAnna);
   const std::string a = std::string("a\r\n") + kAdmins, u = std::string("u\r\n") + kUsers;
@@ -121,15 +120,17 @@ TEST_P(TokensTest, DeleteTokenRemovesEverythingOfItAndUnknownOnesAreNoFailure) {
   ASSERT_EQ(DBSetLastTokenConnect(db(), kAnna, "", "10.0.0.7", ""), "NEWTOKEN");
   ASSERT_EQ(DBSetLastTokenConnect(db(), kBert, "", "10.0.0.9", ""), "NEWTOKEN");
   const std::string a(kAnna);
-  MustExecute({"INSERT INTO tbl_kdx_backup VALUES ('" + a + "','b',1,1,1,0,'','t')",
-               "INSERT INTO tbl_kdx_job_members VALUES ('x','" + a + "')",
-               "INSERT INTO tbl_kdx_job_state VALUES ('x','" + a + "','t',1,1)",
-               "INSERT INTO tbl_kdx_logging_client VALUES ('" + a + "','','CONNECT','t','','','')"});
+  MustExecute(
+      {"INSERT INTO tbl_kdx_backup VALUES ('" + a + "','b',1,1,1,0,'','t')",
+       "INSERT INTO tbl_kdx_job_members VALUES ('x','" + a + "')",
+       "INSERT INTO tbl_kdx_job_state VALUES ('x','" + a + "','t',1,1)",
+       "INSERT INTO tbl_kdx_logging_client VALUES ('" + a + "','','CONNECT','t','','','')"});
   EXPECT_EQ(DBDeleteToken(db(), a + "\r\n" + "00000000-0000-0000-0000-000000000000"), "OK");
   for (const char* table : {"tbl_kdx_token", "tbl_kdx_token_groups", "tbl_kdx_backup",
                             "tbl_kdx_job_state", "tbl_kdx_logging_client"}) {
-    EXPECT_EQ(Query(std::string("SELECT COUNT(*) FROM ") + table + " WHERE token_guid = '" + a + "'"),
-              "0")
+    EXPECT_EQ(
+        Query(std::string("SELECT COUNT(*) FROM ") + table + " WHERE token_guid = '" + a + "'"),
+        "0")
         << table;
   }
   EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_job_members"), "0");
@@ -142,8 +143,9 @@ TEST_P(TokensTest, ValuesWithQuotesFailTheOperationWithoutReachingTheDatabase) {
   // The classic: a GUID that would turn the delete into one of every token.
   EXPECT_EQ(DBDeleteToken(db(), "x' OR 'a'='a"), "ERROR");
   EXPECT_TRUE(Logged("value holds a quote character"));
-  EXPECT_TRUE(Logged("DBExecuteSQLCommand (Error) {DELETE FROM tbl_kdx_token WHERE token_guid = "
-                     "'x' OR 'a'='a'}"));
+  EXPECT_TRUE(
+      Logged("DBExecuteSQLCommand (Error) {DELETE FROM tbl_kdx_token WHERE token_guid = "
+             "'x' OR 'a'='a'}"));
   EXPECT_FALSE(Logged("DBExecuteSQLCommand (OK)"));
   EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_token"), "1");
   EXPECT_EQ(db().last_error_description(), "value holds a quote character");
@@ -161,7 +163,8 @@ TEST_P(TokensTest, AnUnreachableDatabaseGivesEachOperationsEmptyResult) {
   s.dsn = "kalvo_no_such_dsn";
   db().set_settings(s);
   EXPECT_EQ(DBSetLastTokenConnect(db(), kAnna, "", "1.2.3.4", ""), "");
-  EXPECT_TRUE(Logged("Verbindungsherstellung zur Datenbank nicht erfolgreich (DBSetLastTokenConnect)"));
+  EXPECT_TRUE(
+      Logged("Verbindungsherstellung zur Datenbank nicht erfolgreich (DBSetLastTokenConnect)"));
   EXPECT_EQ(DBDeleteToken(db(), kAnna), "ERROR");
   EXPECT_TRUE(Logged("Verbindungsherstellung zur Datenbank nicht erfolgreich! (DBDeleteToken)"));
   EXPECT_EQ(DBGetTokenRights(db(), kAnna), 0);
@@ -180,7 +183,8 @@ TEST_P(GroupsTest, ReplacingTheGroupsKeepsAnyTextAndAcceptsMembersWithPersons) {
                            ",unknown (anna)$" + kBert + "\r\n" + kUsers + "||||";
   ASSERT_TRUE(DBSetGroupData(db(), data));
   EXPECT_EQ(Query("SELECT group_name, group_description, group_abilities FROM tbl_kdx_groups "
-                  "WHERE group_guid = '" + std::string(kAdmins) + "'"),
+                  "WHERE group_guid = '" +
+                  std::string(kAdmins) + "'"),
             "O'Neil's admins|a \\ b; DROP|3");
   EXPECT_EQ(Query("SELECT group_abilities FROM tbl_kdx_groups WHERE group_guid = '" +
                   std::string(kUsers) + "'"),

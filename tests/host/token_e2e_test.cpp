@@ -89,17 +89,21 @@ class TokenE2E : public ::testing::Test {
       DbConnection c(database);
       ASSERT_TRUE(DBConnect(c));
       ASSERT_EQ(DBDropAllTables(c), 0);
-      ASSERT_EQ(DBCreateAllTables(c, s, [](std::string_view, std::string_view key) {
-                  return std::string(key == "GROUP_EVERYONE" ? "Jeder" : "Alle");
-                }),
+      ASSERT_EQ(DBCreateAllTables(c, s,
+                                  [](std::string_view, std::string_view key) {
+                                    return std::string(key == "GROUP_EVERYONE" ? "Jeder" : "Alle");
+                                  }),
                 0);
     }
     server_ = std::make_unique<ServerProcess>(
         "\"AuditIsActive\"=dword:ffffffff\r\n"
         "\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX\\DB]\r\n"
-        "\"DSN\"=\"" + std::string(kSqliteDsn) + "\"\r\n"
+        "\"DSN\"=\"" +
+        std::string(kSqliteDsn) +
+        "\"\r\n"
         "\"StringType\"=\"VARCHAR\"\r\n\"StringMaxSize\"=dword:000000ff\r\n"
-        "\"NumberType\"=\"INTEGER\"\r\n\"BLOBType\"=\"BLOB\"\r\n\"BLOBMaxSize\"=dword:00001000\r\n");
+        "\"NumberType\"=\"INTEGER\"\r\n\"BLOBType\"=\"BLOB\"\r\n\"BLOBMaxSize\"=dword:"
+        "00001000\r\n");
   }
 
   std::unique_ptr<ServerProcess> server_;

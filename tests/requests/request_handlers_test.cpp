@@ -5,13 +5,13 @@
 #include <utility>
 #include <vector>
 
+#include "../net/packet_printer.h"
 #include "db/audit.h"
 #include "db/tokens.h"
 #include "domain_fixture.h"
 #include "infra/arrays.h"
 #include "requests/certificates.h"
 #include "requests/dispatcher.h"
-#include "../net/packet_printer.h"
 
 namespace kalvo::testing {
 namespace {
@@ -82,10 +82,12 @@ class HandlersTest : public DomainDbTest {
     settings_.audit_is_active = true;
     settings_.audit_display_max_count = 100;
     peers_.peers = {{1, {"10.0.0.1", ""}}, {2, {"10.0.0.2", ""}}, {3, {"10.0.0.3", ""}}};
-    dispatcher_ = std::make_unique<Dispatcher>(RequestContext{
-        state_, peers_, SharedDatabases::Get().log(), settings_, db(),
-        [](std::string_view, std::string_view key) { return std::string(key == "YES" ? "Ja" : "Nein"); },
-        certificates_});
+    dispatcher_ = std::make_unique<Dispatcher>(
+        RequestContext{state_, peers_, SharedDatabases::Get().log(), settings_, db(),
+                       [](std::string_view, std::string_view key) {
+                         return std::string(key == "YES" ? "Ja" : "Nein");
+                       },
+                       certificates_});
   }
 
   // Handles `packet` as if it came from connection `index`; gives what was sent meanwhile.
@@ -103,7 +105,8 @@ class HandlersTest : public DomainDbTest {
   }
 
   std::string AuditActions() {
-    return Query("SELECT token_action FROM tbl_kdx_logging_client ORDER BY token_timestamp, token_action");
+    return Query(
+        "SELECT token_action FROM tbl_kdx_logging_client ORDER BY token_timestamp, token_action");
   }
 
   ServerState state_;
@@ -121,7 +124,8 @@ TEST_P(HandlersTest, ClientLogonIsAnsweredStoredAuditedAndBroadcast) {
   EXPECT_EQ(sent[0].packet, Packet(101, kAnna, "255", "2", "0") /* Jeder has no rights */)
       << sent[0].wire;
   EXPECT_EQ(peers_.peers[1].tag, std::string(kAnna) + '\0' + "CN=Anna" + '\0' + "anna");
-  EXPECT_EQ(Query("SELECT token_person, token_user_dn FROM tbl_kdx_token"), "unknown (anna)|CN=Anna");
+  EXPECT_EQ(Query("SELECT token_person, token_user_dn FROM tbl_kdx_token"),
+            "unknown (anna)|CN=Anna");
   EXPECT_EQ(Query("SELECT user_name, token_action, token_ip, token_user_dn FROM "
                   "tbl_kdx_logging_client"),
             "anna|CONNECT|10.0.0.1|CN=Anna");
@@ -134,9 +138,8 @@ TEST_P(HandlersTest, ClientLogonIsAnsweredStoredAuditedAndBroadcast) {
   ASSERT_EQ(sent.size(), 2u);
   EXPECT_EQ(sent[0].index, 1);
   EXPECT_EQ(sent[1].index, 3);
-  EXPECT_EQ(sent[1].packet,
-            Packet(101, kAnna, "10.0.0.1", std::string("2027-03-01-10-00-00") + '\0' + "CN=Anna",
-                   "255"));
+  EXPECT_EQ(sent[1].packet, Packet(101, kAnna, "10.0.0.1",
+                                   std::string("2027-03-01-10-00-00") + '\0' + "CN=Anna", "255"));
   EXPECT_TRUE(Logged("SendToAllAdmins: ID: 101 Socket: 3 Daten gesendet"));
 }
 

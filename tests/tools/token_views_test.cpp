@@ -1,11 +1,11 @@
 // The administrator views of kalvoctl without a socket: building requests, reading answers
 // (well-formed and not), tables and JSON. Literals are Windows-1252 ("\xFC" is u-umlaut on the
 // wire); expected output is UTF-8 ("\xC3\xBC").
-#include "infra/guid.h"
 #include "kalvoctl/token_views.h"
 
 #include <gtest/gtest.h>
 
+#include "infra/guid.h"
 #include "kalvoctl/print.h"
 
 namespace kalvo::ctl {
