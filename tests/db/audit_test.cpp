@@ -169,6 +169,8 @@ TEST_P(AuditQueryTest, TextAndTimeFilters) {
   EXPECT_EQ(Seconds(q), "04,03") << "missing lines are no filter";
   q.text_filters = "\r\n\r\n" + std::string(kAnna) + "\r\n10.0.0.*";
   EXPECT_EQ(Seconds(q), "02,01");
+  q.text_filters = "*\r\n*\r\n*\r\n*\r\nZ*";
+  EXPECT_EQ(Seconds(q), "04,03,02,01") << "only four text filters are read";
   q.text_filters = "";
   q.time_filters = "2027-01-01-00-00-01\r\n2027-01-01-00-00-04";
   EXPECT_EQ(Seconds(q), "03,02") << "both bounds are exclusive";

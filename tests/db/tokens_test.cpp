@@ -84,6 +84,7 @@ TEST_P(TokensTest, TokenListShowsCertificateAndCurrentAddresses) {
   ASSERT_EQ(DBSetLastTokenConnect(db(), kAnna, "anna", "10.0.0.7", "CN=A"), "NEWTOKEN");
   ASSERT_EQ(DBSetLastTokenConnect(db(), kBert, "", "10.0.0.9", ""), "NEWTOKEN");
   ASSERT_TRUE(DBSetTokenData(db(), kBert, "Bert Müller|Laptop"));
+  EXPECT_TRUE(Logged("DBSetTokenData (OK)"));
   ASSERT_TRUE(DBSetCertificate(db(), "CERT", kBert));
   const LanguageLookup language = [](std::string_view section, std::string_view key) {
     return section == "GENERAL" ? std::string(key == "YES" ? "Ja" : "Nein") : std::string();
@@ -228,6 +229,7 @@ TEST_P(GroupsTest, MemberChoicesAndGroupExpansion) {
   std::vector<std::string> tokens{"stale"};
   EXPECT_TRUE(DBGetGroupMembers(c, tokens, kJeder));
   EXPECT_EQ(tokens, std::vector<std::string>{kAnna});
+  EXPECT_TRUE(Logged("DBGetGroupMembers (OK)"));
   EXPECT_FALSE(DBGetGroupMembers(c, tokens, kAnna)) << "a token is no group";
   EXPECT_TRUE(tokens.empty());
 }
