@@ -30,12 +30,8 @@ class PacketPeer {
 
   void Send(int32_t id, std::string data = "", std::string misc1 = "", std::string misc2 = "",
             std::string misc3 = "") {
-    SocketDataStruct p;
-    p.PackageID = id;
-    p.Data = std::move(data);
-    p.Misc1 = std::move(misc1);
-    p.Misc2 = std::move(misc2);
-    p.Misc3 = std::move(misc3);
+    SocketDataStruct p =
+        Packet(id, std::move(data), std::move(misc1), std::move(misc2), std::move(misc3));
     PrepareForSending(p, quiet_.log);
     client_.Send(SocketStructToString(quiet_.log, p));
   }

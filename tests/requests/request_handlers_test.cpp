@@ -61,17 +61,6 @@ class RecordingPeers : public PeerTable {
   Log& log_;
 };
 
-SocketDataStruct Packet(int32_t id, std::string data = "", std::string misc1 = "",
-                        std::string misc2 = "", std::string misc3 = "") {
-  SocketDataStruct p;
-  p.PackageID = id;
-  p.Data = std::move(data);
-  p.Misc1 = std::move(misc1);
-  p.Misc2 = std::move(misc2);
-  p.Misc3 = std::move(misc3);
-  return p;
-}
-
 class HandlersTest : public DomainDbTest {
  protected:
   void SetUp() override {
