@@ -219,8 +219,11 @@ TEST_P(SchemaTest, LookupIndexesComeWithTheTablesAndTheUpgradeWithoutCountingOrC
   // A database made before the indexes existed stays up to date and gets them on upgrade.
   MustExecute({"DROP INDEX ix_kdx_token_guid", "DROP INDEX ix_kdx_logging_time"});
   EXPECT_EQ(State(), TableState::kUpToDate);
+  ClearLog();
   EXPECT_EQ(Configure(2), 0);
   EXPECT_EQ(Query(names), all);
+  EXPECT_EQ(LogText().find("(Error) {CREATE INDEX"), std::string::npos)
+      << "indexes that exist are left alone without an error";
   // An index that cannot be made is logged, never counted: here its table is a view.
   ASSERT_EQ(Configure(3), 0);
   ASSERT_EQ(Configure(1), 0);
