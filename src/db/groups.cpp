@@ -72,10 +72,7 @@ std::string DBGetGroupData(Database& database) {
           row += '|';
           row += QueryText(c, members, ",", "$", false, true);
         }
-        for (size_t i = 0; i < rows.size(); ++i) {
-          if (i > 0) result += kCrLf;
-          result += rows[i];
-        }
+        result = Join(rows, kCrLf);
       });
 }
 

@@ -122,10 +122,7 @@ std::string DBGetTokenList(Database& database, const LanguageLookup& language,
           row += '$';
           if (addresses) row += addresses(guid);
         }
-        for (size_t i = 0; i < rows.size(); ++i) {
-          if (i > 0) result += '|';
-          result += rows[i];
-        }
+        result = Join(rows, "|");
       });
 }
 

@@ -20,4 +20,13 @@ std::vector<std::string> Split(std::string_view text, std::string_view separator
   return parts;
 }
 
+std::string Join(const std::vector<std::string>& parts, std::string_view separator) {
+  std::string joined;
+  for (size_t i = 0; i < parts.size(); ++i) {
+    if (i > 0) joined += separator;
+    joined += parts[i];
+  }
+  return joined;
+}
+
 }  // namespace kalvo

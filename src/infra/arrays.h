@@ -19,6 +19,9 @@ namespace kalvo {
 // are kept: "a||b" at "|" gives "a", "", "b"; "a|" gives "a", "".
 std::vector<std::string> Split(std::string_view text, std::string_view separator);
 
+// The parts joined by `separator` (the inverse of Split for a non-empty result).
+std::string Join(const std::vector<std::string>& parts, std::string_view separator);
+
 // Number of elements of dimension `dimension` (upper bound plus 1); 0 on failure.
 template <typename T>
 int ArrayCount(const std::vector<T>& array, int dimension = 1) {

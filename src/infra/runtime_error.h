@@ -16,6 +16,7 @@ inline constexpr int32_t kErrInvalidCall = 5;
 inline constexpr int32_t kErrOverflow = 6;
 inline constexpr int32_t kErrOutOfMemory = 7;
 inline constexpr int32_t kErrSubscript = 9;
+inline constexpr int32_t kErrDivisionByZero = 11;
 inline constexpr int32_t kErrTypeMismatch = 13;
 
 // A numbered run-time error. `what()` is the description.
