@@ -52,6 +52,18 @@ void Log::ReadSettings(int32_t& level, int64_t& max_mib) {
   max_mib = max_mib_;
 }
 
+bool Log::WritesLines() {
+  try {
+    int32_t level;
+    int64_t max_mib;
+    ReadSettings(level, max_mib);
+    return level > 0;
+  } catch (...) {
+    // Let the line be built: writing it reports nothing either way.
+    return true;
+  }
+}
+
 void Log::WriteLog(std::string_view message, bool force, bool trace) {
   try {
     int32_t level;

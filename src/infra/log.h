@@ -33,6 +33,10 @@ class Log {
   // The file holds UTF-8. Never throws: a failure loses this one line.
   void WriteLog(std::string_view message, bool force = false, bool trace = false);
 
+  // True when a line written now without `force` would reach the file, so that a caller can
+  // skip building a long line that would only be dropped. Never throws.
+  bool WritesLines();
+
   // Writes "Fehler: <number> - <description> (<procedure>) {<extra>}". Never throws.
   void LogError(int32_t number, std::string_view description, std::string_view procedure,
                 std::string_view extra = "");

@@ -88,7 +88,12 @@ bool ReceiveBuffers::SocketPrepareDataForExecution(int index, SocketDataStruct& 
     }
     const std::string_view pending = std::string_view(buffer.bytes).substr(buffer.offset);
     const size_t length = static_cast<size_t>(size);
-    if (length > pending.size()) return false;
+    if (length > pending.size()) {
+      // The size is known and within bounds: the rest of the packet then arrives without
+      // the buffer growing (and briefly holding two copies) chunk by chunk.
+      buffer.bytes.reserve(buffer.offset + length);
+      return false;
+    }
     current = SocketStringToStruct(log_, pending.substr(0, length));
     if (length == pending.size()) {
       buffers_.erase(it);

@@ -4,6 +4,7 @@
 
 #include "infra/runtime_error.h"
 #include "requests/audit_requests.h"
+#include "requests/backup_requests.h"
 #include "requests/certificate_requests.h"
 #include "requests/console_requests.h"
 #include "requests/inventory_requests.h"
@@ -21,13 +22,19 @@ struct Route {
 constexpr Route kRoutes[] = {
     {101, TokenLogon},    // token client: token inserted (or a console's own token)
     {102, TokenRemoved},  // token client: token removed; also the close notice
-    {301, GetGroups},     // groups with their members
-    {302, SetGroups},     // replace all groups
-    {303, GroupNames},    // distinct group names
-    {304, TokenPersons},  // distinct token persons
+    {115, StoreClientBackup},
+    {116, RestoreClientBackup},
+    {117, ListClientBackups},  // answered as 308
+    {301, GetGroups},          // groups with their members
+    {302, SetGroups},          // replace all groups
+    {303, GroupNames},         // distinct group names
+    {304, TokenPersons},       // distinct token persons
     {307, GetTokenRightsAndGroups},
-    {310, SetTokenData},  // person and description; answered by broadcast
+    {308, ListTokenBackups},
+    {309, FetchTokenBackup},  // the one reply with Reserved 1
+    {310, SetTokenData},      // person and description; answered by broadcast
     {311, Echo},
+    {315, ListAllBackups},
     {316, GetMemberChoices},  // groups and tokens as possible action members
     {328, DeleteTokens},      // answered, then the list broadcast
     {329, QueryAudit},

@@ -1,10 +1,18 @@
 #include "requests/request.h"
 
+#include <algorithm>
+
 #include "net/socket_send.h"
 #include "requests/broadcast.h"
 #include "requests/dispatcher.h"
 
 namespace kalvo {
+
+std::string Request::TokenGuid() const {
+  std::string tag = ConnectionTag();
+  tag.resize(std::min(tag.size(), tag.find('\0')));
+  return tag;
+}
 
 void Request::SetReply(int32_t package_id, std::string data) {
   SocketDataStruct& r = record();

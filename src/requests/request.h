@@ -28,6 +28,8 @@ class Request {
   // The dotted address of the requesting connection.
   std::string PeerAddress() const { return ctx.peers.RemoteAddress(index_); }
   std::string ConnectionTag() const { return ctx.peers.ConnectionTag(index_); }
+  // The token GUID of the connection: the tag's first field, "" before its 101.
+  std::string TokenGuid() const;
 
   // Rewrites the record as reply `package_id`: Reserved 0, empty Misc fields, `data`.
   void SetReply(int32_t package_id, std::string data);
