@@ -1,8 +1,10 @@
-// Tokens and the audit log through the real server on an SQLite database: what a token client
-// and a console see on the wire.
+// Tokens, backups and the audit log through the real server on an SQLite database: what a
+// token client and a console see on the wire.
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 
 #include "../db/odbc_test_env.h"
 #include "../net/packet_printer.h"
@@ -210,6 +212,81 @@ TEST_F(TokenE2E, TheConsoleCommandsWorkAgainstTheRealServer) {
   EXPECT_EQ(status, 0) << out;
   out = Kalvoctl(*server_, "tokens --json", status);
   EXPECT_EQ(out.find(kAnna), std::string::npos) << out;
+}
+
+// The packet's fields without its sizes, to compare with one a test writes down.
+SocketDataStruct Bare(SocketDataStruct p) {
+  p.PackageSize = p.DataSize = 0;
+  return p;
+}
+
+// Every byte value, several times over: more than three parts of the server's 4096.
+std::string EveryByte() {
+  std::string bytes;
+  for (int i = 0; i < 3 * 4096 + 17; ++i) bytes += static_cast<char>((i * 7 + i / 256) % 256);
+  return bytes;
+}
+
+TEST_F(TokenE2E, ABackupComesBackByteForByteToTheClientAndToConsoles) {
+  PacketPeer client(server_->port());
+  client.Send(101, kAnna, "", "anna", "");
+  ASSERT_EQ(client.Receive().PackageID, 101);
+  const std::string backup = EveryByte();
+  client.Send(115, backup, "", "3", "Karte 1");
+  EXPECT_EQ(Bare(client.Receive()), Packet(115, "OK", "", "3"));
+  client.Send(116, "", "1", "3");
+  SocketDataStruct reply = client.Receive();
+  EXPECT_EQ(reply.PackageID, 116);
+  EXPECT_TRUE(reply.Data == backup) << "restored " << reply.Data.size() << " of " << backup.size();
+  client.Send(117, "", "4");
+  EXPECT_EQ(Bare(client.Receive()), Packet(308, "Karte 1$3$1", "4", "0"));
+
+  PacketPeer console(server_->port());
+  console.Send(308, kAnna, "3");
+  EXPECT_EQ(Bare(console.Receive()), Packet(308, "Karte 1$3$1", "3", "0"));
+  console.Send(309, kAnna, "1", "3");
+  reply = console.Receive();
+  EXPECT_EQ(reply.PackageID, 309);
+  EXPECT_EQ(reply.Reserved, 1);
+  EXPECT_EQ(reply.Misc1.size(), 19u) << reply.Misc1;
+  EXPECT_EQ(reply.Misc2, kAnna);
+  EXPECT_TRUE(reply.Data == backup);
+  console.Send(315);
+  EXPECT_EQ(console.Receive().Data, std::string(kAnna) + "$Karte 1$3$1$unknown (anna)");
+}
+
+std::string ReadFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  return bytes.str();
+}
+
+TEST_F(TokenE2E, TheBackupCommandsStoreListAndFetchAFileUnchanged) {
+  TempDir dir;
+  const std::filesystem::path in = dir.path() / "in.bin", out = dir.path() / "out.bin";
+  std::ofstream(in, std::ios::binary) << EveryByte();
+  int status = -1;
+  std::string text = Kalvoctl(
+      *server_,
+      "backup-put " + std::string(kAnna) + " --type admin --name 'Vor Ort' --in " + in.string(),
+      status);
+  EXPECT_EQ(status, 0) << text;
+  text = Kalvoctl(*server_, "backups " + std::string(kAnna), status);
+  EXPECT_EQ(status, 0) << text;
+  EXPECT_NE(text.find("admin  1      Vor Ort"), std::string::npos) << text;
+  text = Kalvoctl(*server_, "backup-get " + std::string(kAnna) + " --type 2 --out " + out.string(),
+                  status);
+  EXPECT_EQ(status, 0) << text;
+  EXPECT_TRUE(ReadFile(out) == EveryByte()) << ReadFile(out).size();
+  text = Kalvoctl(*server_, "backup-get " + std::string(kAnna) + " --type 2 --index 2", status);
+  EXPECT_EQ(status, 3) << text;
+  text = Kalvoctl(*server_, "backups --json", status);
+  EXPECT_NE(text.find("\"name\":\"Vor Ort\",\"type\":2,\"index\":1"), std::string::npos) << text;
+  text = Kalvoctl(
+      *server_,
+      "backup-put " + std::string(kAnna) + " --type 2 --name \"it's\" --in " + in.string(), status);
+  EXPECT_EQ(status, 2) << text;
 }
 
 }  // namespace

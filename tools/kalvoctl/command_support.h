@@ -4,10 +4,13 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "infra/log.h"
 #include "infra/registry_store.h"
+#include "net/packet.h"
 
 namespace kalvo::ctl {
 
@@ -38,5 +41,28 @@ int ConnectionFailed(const PacketClient& client);
 
 // `seconds` as a steady-clock duration.
 std::chrono::steady_clock::duration ToDuration(double seconds);
+
+// Options of every command that asks the server a question.
+struct AskOptions {
+  ConnectionOptions connection;
+  double timeout = 5.0;
+  bool json = false;
+};
+
+// Registers the connection options, --timeout and --json on `sub`, writing into `o`.
+void AddAskOptions(CLI::App& sub, AskOptions& o);
+
+// Accepts a GUID as the server's requests take it. Command-line texts arrive as UTF-8; the
+// check looks at what goes on the wire.
+extern const CLI::Validator kGuidArgument;
+
+// Connects, sends `requests` in order and waits, at most o.timeout seconds in all, for the
+// packet whose PackageID is `answer_id`; other packets (replies to the earlier requests,
+// broadcasts) are skipped. Gives the answer, or nothing after saying on standard error why
+// none came (exit with kExitConnection then).
+std::optional<SocketDataStruct> Ask(const AskOptions& o, std::vector<SocketDataStruct> requests,
+                                    int32_t answer_id);
+// The same for one request answered with its own PackageID.
+std::optional<SocketDataStruct> Ask(const AskOptions& o, SocketDataStruct request);
 
 }  // namespace kalvo::ctl

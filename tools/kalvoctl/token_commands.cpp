@@ -15,30 +15,6 @@
 namespace kalvo::ctl {
 namespace {
 
-// Options of every command that asks one question.
-struct AskOptions {
-  ConnectionOptions connection;
-  double timeout = 5.0;
-  bool json = false;
-};
-
-void AddAskOptions(CLI::App& sub, AskOptions& o) {
-  AddConnectionOptions(sub, o.connection);
-  sub.add_option("--timeout", o.timeout, "Seconds to wait for the connection and the answer")
-      ->capture_default_str()
-      ->check(CLI::PositiveNumber);
-  sub.add_flag("--json", o.json, "Print one JSON document instead of a table");
-}
-
-// Command-line texts arrive as UTF-8; the checks look at what goes on the wire.
-const CLI::Validator kGuidArgument(
-    [](std::string& text) {
-      return IsGUID(Utf8ToCp1252(text))
-                 ? std::string()
-                 : "not a GUID (hexadecimal digits 8-4-4-4-12 joined by \"-\"): " + text;
-    },
-    "GUID");
-
 const CLI::Validator kActionArgument(
     [](std::string& text) {
       std::string unknown;
@@ -60,49 +36,6 @@ const CLI::Validator kTimeArgument(
       return AuditTimeBound(text) ? std::string() : "not a date and time: " + text;
     },
     "TIME");
-
-// Connects, sends `request` and waits, at most o.timeout seconds in all, for the packet with
-// the request's PackageID; packets with another PackageID are skipped. Gives the answer, or
-// nothing after saying on standard error why none came (exit with kExitConnection then).
-std::optional<SocketDataStruct> Ask(const AskOptions& o, SocketDataStruct request) {
-  const auto deadline = std::chrono::steady_clock::now() + ToDuration(o.timeout);
-  QuietLog quiet;
-  PacketClient client(quiet.log);
-  if (!client.Connect(o.connection.host, o.connection.port, ToDuration(o.timeout))) {
-    ConnectionFailed(client);
-    return std::nullopt;
-  }
-  const int32_t id = request.PackageID;
-  if (!client.Send(std::move(request))) {
-    ConnectionFailed(client);
-    return std::nullopt;
-  }
-  std::optional<SocketDataStruct> answer;
-  const StopReason why = client.Receive(
-      [&](const SocketDataStruct& p) {
-        if (p.PackageID != id) return true;
-        answer = p;
-        return false;
-      },
-      std::nullopt, deadline);
-  if (answer) return answer;
-  switch (why) {
-    case StopReason::kError:
-      ConnectionFailed(client);
-      break;
-    case StopReason::kClosed:
-      std::cerr << "kalvoctl: the server closed the connection before answering request " << id
-                << "\n";
-      break;
-    case StopReason::kSignal:
-      std::cerr << "kalvoctl: interrupted while waiting for the answer to request " << id << "\n";
-      break;
-    default:
-      std::cerr << "kalvoctl: no answer to request " << id << " from " << o.connection.host << ":"
-                << o.connection.port << " within " << o.timeout << " seconds\n";
-  }
-  return std::nullopt;
-}
 
 int RunTokens(const AskOptions& o) {
   SocketDataStruct request;

@@ -11,12 +11,10 @@
 #include "infra/strings.h"
 #include "infra/text_encoding.h"
 #include "kalvoctl/print.h"
+#include "kalvoctl/view_support.h"
 
 namespace kalvo::ctl {
 namespace {
-
-constexpr size_t kGuidLength = 36;
-constexpr std::string_view kCrlf = "\r\n";
 
 struct ActionName {
   std::string_view name;
@@ -37,50 +35,6 @@ constexpr std::array<std::string_view, 7> kDatabaseStates = {
     "Unknown",      "UpToDate",      "ConnectFailed", "NoTables",
     "TableMissing", "ColumnMissing", "DataMissing"};
 
-bool StartsWithGuid(std::string_view record, std::string_view field_separator) {
-  return record.size() >= kGuidLength + field_separator.size() &&
-         IsGUID(record.substr(0, kGuidLength)) &&
-         record.substr(kGuidLength, field_separator.size()) == field_separator;
-}
-
-// `text` cut into records at `record_separator`, gluing back every piece that does not start
-// with a GUID and `field_separator`: that separator was inside the text of the record before.
-// A separator at the very end closes the last record and starts none.
-std::vector<std::string> SplitRecords(std::string_view text, std::string_view record_separator,
-                                      std::string_view field_separator) {
-  std::vector<std::string> pieces = Split(text, record_separator);
-  while (!pieces.empty() && pieces.back().empty()) pieces.pop_back();
-  std::vector<std::string> records;
-  for (auto& piece : pieces) {
-    if (!records.empty() && !StartsWithGuid(piece, field_separator)) {
-      records.back().append(record_separator);
-      records.back() += piece;
-    } else {
-      records.push_back(std::move(piece));
-    }
-  }
-  return records;
-}
-
-// `record` as exactly `count` fields (see the header: missing ones empty, the excess joined
-// into field `free_index`).
-std::vector<std::string> SplitFields(std::string_view record, std::string_view separator,
-                                     size_t count, size_t free_index) {
-  std::vector<std::string> parts = Split(record, separator);
-  if (parts.size() > count) {
-    const size_t excess = parts.size() - count;
-    const auto first = parts.begin() + static_cast<std::ptrdiff_t>(free_index) + 1;
-    const auto last = first + static_cast<std::ptrdiff_t>(excess);
-    for (auto it = first; it != last; ++it) {
-      parts[free_index].append(separator);
-      parts[free_index] += *it;
-    }
-    parts.erase(first, last);
-  }
-  parts.resize(count);
-  return parts;
-}
-
 bool EndsWithCrlfGuid(std::string_view entry) {
   return entry.size() >= kCrlf.size() + kGuidLength &&
          entry.substr(entry.size() - kGuidLength - kCrlf.size(), kCrlf.size()) == kCrlf &&
@@ -91,41 +45,6 @@ std::string_view Trimmed(std::string_view text) {
   while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
   while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
   return text;
-}
-
-// ---- JSON pieces; values are JSON already.
-
-std::string JsonObject(const std::vector<std::pair<std::string_view, std::string>>& fields) {
-  std::string out = "{";
-  for (const auto& [name, value] : fields) {
-    if (out.size() > 1) out += ",";
-    out += "\"";
-    out += name;
-    out += "\":";
-    out += value;
-  }
-  return out + "}";
-}
-
-template <typename T, typename ToJson>
-std::string JsonArray(const std::vector<T>& items, ToJson to_json) {
-  std::string out = "[";
-  for (const auto& item : items) {
-    if (out.size() > 1) out += ",";
-    out += to_json(item);
-  }
-  return out + "]";
-}
-
-std::string JsonNumberOrNull(std::string_view text) {
-  const auto number = WholeNumberText(text);
-  return number ? std::to_string(*number) : "null";
-}
-
-// A number of the server for people: the number, or "?" when its text is none.
-std::string NumberForPeople(std::string_view text) {
-  const auto number = WholeNumberText(text);
-  return number ? std::to_string(*number) : "?";
 }
 
 }  // namespace
