@@ -59,7 +59,7 @@
 #include <thread>
 #include <vector>
 
-#include "../tests/db/odbc_test_env.h"
+#include "bench_support.h"
 #include "db/audit.h"
 #include "db/connection.h"
 #include "db/database.h"
@@ -73,11 +73,7 @@
 
 namespace {
 
-namespace asio = boost::asio;
-namespace fs = std::filesystem;
-namespace kt = kalvo::testing;
-using asio::ip::tcp;
-using Clock = std::chrono::steady_clock;
+using namespace kalvo::bench;
 
 constexpr int64_t kSmall = 10'000;
 constexpr int64_t kLarge = 1'000'000;
@@ -87,17 +83,6 @@ constexpr const char* kUserDn = "CN=Bench User,OU=Tokens,O=Orvanta";
 constexpr const char* kPeerIp = "127.0.0.1";
 // Multiplier of the first GUID group: consecutive rows get scattered GUIDs, as real ones are.
 constexpr uint64_t kGuidMix = 2654435761u;
-
-volatile std::sig_atomic_t g_interrupted = 0;
-void OnSignal(int) { g_interrupted = 1; }
-
-void CheckInterrupted() {
-  if (g_interrupted) throw std::runtime_error("interrupted");
-}
-
-double Since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 struct Options {
   double seconds = 3.0;
@@ -159,45 +144,6 @@ std::string InsertSeries(bool postgres, const std::string& table, const std::str
   return "INSERT INTO " + table + " WITH RECURSIVE s(n) AS (SELECT " + std::to_string(first) +
          " UNION ALL SELECT n + 1 FROM s WHERE n < " + std::to_string(last) + ") SELECT " +
          columns + " FROM s";
-}
-
-struct Engine {
-  std::string name;
-  bool postgres = false;
-  kalvo::DatabaseSettings settings;
-};
-
-void MustRun(kalvo::DbConnection& c, const std::string& sql) {
-  kalvo::RecordSet ignored;
-  if (!kalvo::DBExecuteSQLCommand(c, kalvo::Statement(sql), ignored)) {
-    throw std::runtime_error("statement failed (" + c.database().last_error_description() +
-                             "): " + sql.substr(0, 200));
-  }
-}
-
-int64_t CountOf(kalvo::DbConnection& c, const std::string& sql) {
-  kalvo::RecordSet rs;
-  if (!kalvo::DBExecuteSQLCommand(c, kalvo::Statement(sql), rs) || rs.Eof() || !rs.rows[0][0]) {
-    throw std::runtime_error("count failed: " + sql);
-  }
-  return std::stoll(*rs.rows[0][0]);
-}
-
-void Connect(kalvo::DbConnection& c) {
-  if (!kalvo::DBConnect(c)) {
-    throw std::runtime_error("cannot connect: " + c.database().last_error_description());
-  }
-}
-
-void CreateSchema(kalvo::Database& db) {
-  kalvo::DbConnection c(db);
-  Connect(c);
-  const kalvo::LanguageLookup language = [](std::string_view, std::string_view key) {
-    return key == "GROUP_EVERYONE" ? std::string("Jeder") : std::string("Everyone");
-  };
-  if (kalvo::DBCreateAllTables(c, db.settings(), language) != 0) {
-    throw std::runtime_error("creating the tables failed");
-  }
 }
 
 // Bulk loads rebuild the lookup indexes afterwards: much faster than maintaining them per row.
@@ -284,12 +230,6 @@ double ChildCpuSeconds(pid_t pid) {
   return total;
 }
 
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  const size_t n = v.size();
-  return n % 2 == 1 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
 kalvo::AuditSettings LogonAudit() {
   kalvo::AuditSettings a;
   a.is_active = true;
@@ -318,117 +258,6 @@ Phase DirectLogons(kalvo::Database& db, int64_t tokens, double seconds, std::mt1
   p.cpu = ProcessCpuSeconds() - cpu_start;
   return p;
 }
-
-std::string RegistryText(int port, int log_level, const Engine& e) {
-  const kalvo::DatabaseSettings& s = e.settings;
-  const std::string key = kalvo::VersionInfoKeyText();
-  const std::string user = s.user.empty() ? "" : kalvo::EncryptText(s.user, key);
-  const std::string pass = s.password.empty() ? "" : kalvo::EncryptText(s.password, key);
-  char hex[16];
-  std::snprintf(hex, sizeof hex, "%08x", static_cast<unsigned>(log_level));
-  return std::string("REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara]\r\n") +
-         "\"LogLevel\"=dword:" + hex + "\r\n\r\n" +
-         "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX]\r\n" + "\"ServerLocalPort\"=\"" +
-         std::to_string(port) + "\"\r\n\"StatusPort\"=dword:00000000\r\n" +
-         "\"AuditIsActive\"=dword:ffffffff\r\n\r\n" +
-         "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX\\DB]\r\n\"DSN\"=\"" + s.dsn +
-         "\"\r\n\"LoginUser\"=\"" + user + "\"\r\n\"LoginPass\"=\"" + pass +
-         "\"\r\n\"StringType\"=\"" + s.string_type + "\"\r\n\"StringMaxSize\"=dword:000000ff\r\n" +
-         "\"NumberType\"=\"" + s.number_type + "\"\r\n\"BLOBType\"=\"" + s.blob_type +
-         "\"\r\n\"BLOBMaxSize\"=dword:00a00000\r\n";
-}
-
-void WriteBenchRegistry(const fs::path& file, int log_level) {
-  char hex[16];
-  std::snprintf(hex, sizeof hex, "%08x", static_cast<unsigned>(log_level));
-  std::ofstream(file, std::ios::binary)
-      << "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara]\r\n\"LogLevel\"=dword:"
-      << hex << "\r\n";
-}
-
-// kalvosrv in the foreground as a child process; killed when the object goes (and, through
-// the parent-death signal, when this process dies without unwinding).
-class ServerChild {
- public:
-  // Starts it with the registry text `registry_for(port)` on a free port; throws when it does
-  // not listen within 15 s.
-  ServerChild(const std::string& exe, const fs::path& dir,
-              const std::function<std::string(int port)>& registry_for)
-      : port_(kt::FreeLoopbackPort()) {
-    const int port = port_;
-    const std::string reg = (dir / ("server-" + std::to_string(port) + ".reg")).string();
-    const std::string log = (dir / ("server-" + std::to_string(port) + ".log")).string();
-    std::ofstream(reg, std::ios::binary) << registry_for(port);
-    pid_ = ::fork();
-    if (pid_ < 0) throw std::runtime_error("fork failed");
-    if (pid_ == 0) {
-      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      ::execl(exe.c_str(), exe.c_str(), "--foreground", "--registry", reg.c_str(), "--log-file",
-              log.c_str(), "--listen-address", "127.0.0.1", static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-    try {
-      WaitListening(log);
-    } catch (...) {
-      Stop();  // the destructor does not run for a constructor that throws
-      throw;
-    }
-  }
-  ~ServerChild() { Stop(); }
-  ServerChild(const ServerChild&) = delete;
-  ServerChild& operator=(const ServerChild&) = delete;
-
-  // Returns once the server has handled everything sent before: it serves one request at a
-  // time, so the answer to an echo (311) comes after all earlier work.
-  void Sync() const {
-    asio::io_context io;
-    tcp::socket s(io);
-    s.connect(tcp::endpoint(asio::ip::address_v4::loopback(), static_cast<uint16_t>(port_)));
-    static const std::string kEcho = "14|311|0||||0|";
-    asio::write(s, asio::buffer(kEcho));
-    char reply[14];
-    asio::read(s, asio::buffer(reply));
-  }
-
-  int port() const { return port_; }
-  pid_t pid() const { return pid_; }
-
- private:
-  void WaitListening(const std::string& log) {
-    for (int i = 0; i < 1500; ++i) {
-      CheckInterrupted();
-      if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
-        pid_ = -1;
-        throw std::runtime_error("kalvosrv ended at start, see " + log);
-      }
-      asio::io_context io;
-      tcp::socket s(io);
-      boost::system::error_code ec;
-      s.connect(tcp::endpoint(asio::ip::address_v4::loopback(), static_cast<uint16_t>(port_)), ec);
-      if (!ec) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    throw std::runtime_error("kalvosrv did not listen within 15 s, see " + log);
-  }
-
-  void Stop() noexcept {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGTERM);
-    for (int i = 0; i < 300; ++i) {
-      if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
-        pid_ = -1;
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
-  int port_;
-  pid_t pid_ = -1;
-};
 
 std::string LogonPacket(const std::string& guid, kalvo::Log& log) {
   kalvo::SocketDataStruct r;
@@ -666,8 +495,10 @@ void PrintPoint(const Engine& e, int64_t tokens, int log_level, const Rates& r) 
   std::fflush(stdout);
 }
 
-void RunEngine(const Engine& e, const Options& o, const std::string& exe, const fs::path& dir,
-               kalvo::OdbcEnvironment& env, kalvo::Log& log, kalvo::RegistryStore& registry) {
+void RunEngine(const Engine& e, const Options& o, const std::string& exe, BenchEngines& engines) {
+  const fs::path& dir = engines.dir();
+  kalvo::OdbcEnvironment& env = engines.env();
+  kalvo::Log& log = engines.log();
   kalvo::Database db(env, log, e.settings);
   std::mt19937_64 rng(20240601);
   CreateSchema(db);
@@ -676,15 +507,13 @@ void RunEngine(const Engine& e, const Options& o, const std::string& exe, const 
               static_cast<long long>(kSmall), small_load);
   Rates small, large;
   for (int level : {0, 1}) {
-    WriteBenchRegistry(dir / "bench.reg", level);
-    registry.Invalidate();
+    engines.SetLogLevel(level);
     ServerChild server(exe, dir, [&](int port) { return RegistryText(port, level, e); });
     const Rates r = MeasurePoint(db, server, o, kSmall, rng, log);
     PrintPoint(e, kSmall, level, r);
     if (level == 0) small = r;
   }
-  WriteBenchRegistry(dir / "bench.reg", 0);
-  registry.Invalidate();
+  engines.SetLogLevel(0);
   if (o.million) {
     const double large_load = RegisterTokens(db, e.postgres, kSmall + 1, kLarge);
     std::printf("%-11s registered %lld more tokens in %.1f s\n", e.name.c_str(),
@@ -720,19 +549,7 @@ void RunEngine(const Engine& e, const Options& o, const std::string& exe, const 
 int Run(const Options& o) {
   const fs::path self = fs::canonical("/proc/self/exe");
   const std::string exe = (self.parent_path().parent_path() / "kalvosrv").string();
-  kt::TempDir dir;
-  kt::PgCluster pg(dir.path());
-  bool pg_ok = false;
-  if (o.postgres) {
-    pg_ok = pg.Start();
-    if (!pg_ok) std::fprintf(stderr, "PostgreSQL skipped: %s\n", pg.error().c_str());
-  }
-  kt::WriteOdbcConfig(dir.path(), true, dir.path() / "kalvo.db", pg_ok ? pg.port() : 0);
-  kalvo::OdbcEnvironment env(true);
-  WriteBenchRegistry(dir.path() / "bench.reg", 0);
-  kalvo::RegistryStore registry((dir.path() / "bench.reg").string());
-  kalvo::Log log(registry, (dir.path() / "bench.log").string());
-
+  BenchEngines engines(o.sqlite, o.postgres, 10485760);
   std::printf(
       "token logons (101) per second: kalvosrv with %d client connection(s) beside the "
       "same operations called directly; %.1f s per point, auditing on\n",
@@ -740,27 +557,7 @@ int Run(const Options& o) {
   std::printf("%-11s %9s %9s %10s %10s %14s %11s %11s\n", "engine", "tokens", "LogLevel",
               "server/s", "direct/s", "server/direct", "srv cpu us", "dir cpu us");
   std::fflush(stdout);
-  std::vector<Engine> engines;
-  kalvo::DatabaseSettings common;
-  common.string_type = "VARCHAR";
-  common.string_max_size = 255;
-  common.number_type = "INTEGER";
-  common.blob_max_size = 10485760;
-  if (o.sqlite) {
-    Engine e{"SQLite", false, common};
-    e.settings.dsn = kt::kSqliteDsn;
-    e.settings.blob_type = "BLOB";
-    engines.push_back(e);
-  }
-  if (pg_ok) {
-    Engine e{"PostgreSQL", true, common};
-    e.settings.dsn = kt::kPostgresDsn;
-    e.settings.user = kt::kPgUser;
-    e.settings.password = kt::kPgPassword;
-    e.settings.blob_type = "BYTEA";
-    engines.push_back(e);
-  }
-  for (const Engine& e : engines) RunEngine(e, o, exe, dir.path(), env, log, registry);
+  for (const Engine& e : engines.engines()) RunEngine(e, o, exe, engines);
   return 0;
 }
 

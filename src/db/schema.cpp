@@ -129,13 +129,15 @@ bool InsertDefaultData(DbConnection& connection, int index, const LanguageLookup
 // Lookup indexes that the original tables lack: without them a logon, a backup or a trim of
 // the audit log reads whole tables, which grows with every token and every entry.
 struct Index {
-  std::string_view name, table, column;
+  std::string_view name, table, columns;
 };
 constexpr Index kIndexes[] = {
     {"ix_kdx_token_guid", "tbl_kdx_token", "token_guid"},
     {"ix_kdx_token_groups_token", "tbl_kdx_token_groups", "token_guid"},
     {"ix_kdx_token_groups_group", "tbl_kdx_token_groups", "group_guid"},
-    {"ix_kdx_backup_token", "tbl_kdx_backup", "token_guid"},
+    // A backup part is looked up by all four: with one column every part of a long backup
+    // would read all parts of the token.
+    {"ix_kdx_backup_part", "tbl_kdx_backup", "token_guid, backup_type, backup_index, backup_order"},
     {"ix_kdx_job_members_member", "tbl_kdx_job_members", "member_guid"},
     {"ix_kdx_job_state_token", "tbl_kdx_job_state", "token_guid"},
     {"ix_kdx_logging_time", "tbl_kdx_logging_client", "token_timestamp"},
@@ -155,7 +157,7 @@ void DBCreateIndexes(DbConnection& connection) {
     sql += " ON ";
     sql += index.table;
     sql += " (";
-    sql += index.column;
+    sql += index.columns;
     sql += ")";
     Runs(connection, sql);
   }

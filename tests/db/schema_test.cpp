@@ -211,7 +211,7 @@ TEST_P(SchemaTest, LookupIndexesComeWithTheTablesAndTheUpgradeWithoutCountingOrC
             "ORDER BY name"
           : "SELECT indexname FROM pg_indexes WHERE indexname LIKE 'ix_kdx_%' ORDER BY indexname";
   const std::string all =
-      "ix_kdx_backup_token$ix_kdx_job_members_member$ix_kdx_job_state_token$"
+      "ix_kdx_backup_part$ix_kdx_job_members_member$ix_kdx_job_state_token$"
       "ix_kdx_logging_time$ix_kdx_logging_token$ix_kdx_token_groups_group$"
       "ix_kdx_token_groups_token$ix_kdx_token_guid";
   ASSERT_EQ(Configure(1), 0);
