@@ -15,10 +15,13 @@
 // client connection on 127.0.0.1 that registered the token (101) and then sends the 115 and
 // 116 packets, waiting for each answer; the restored bytes are compared with the stored ones.
 // Direct and server rounds alternate. Printed per point: the medians of the store and restore
-// times, the ratios direct/server (goal >= 0.9) and the server's peak resident memory (the
-// kernel's VmHWM of the child, which lives for one point) as a multiple of the backup's size
-// (goal < 4), beside its resident memory when idle before the first round.
+// times, the ratios direct/server (goal >= 0.9), the server's resident memory when idle
+// before the first round and its peaks while storing and while restoring (sampled every
+// millisecond), and the highest of them and the kernel's VmHWM of the child (which lives for
+// one point) as a multiple of the backup's size (goal < 4).
+#include <atomic>
 #include <random>
+#include <thread>
 
 #include "bench_support.h"
 #include "db/audit.h"
@@ -108,6 +111,27 @@ class Client {
   kalvo::Log& log_;
 };
 
+// Samples the resident memory of a process every millisecond while it lives, keeping the
+// largest value in `peak`.
+class PeakSampler {
+ public:
+  PeakSampler(pid_t pid, int64_t& peak)
+      : thread_([this, pid, &peak] {
+          while (!stop_) {
+            peak = std::max(peak, ResidentBytes(pid));
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+          }
+        }) {}
+  ~PeakSampler() {
+    stop_ = true;
+    thread_.join();
+  }
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
 struct Times {
   std::vector<double> store, restore;
 };
@@ -129,6 +153,7 @@ void RunPoint(const Engine& engine, int32_t part_size, const Options& o, const s
   if (client.Ask(101, kGuid).PackageID != 101) throw std::runtime_error("no answer to 101");
 
   Times direct, served;
+  int64_t peak_store = 0, peak_restore = 0;
   for (int round = 0; round < o.rounds; ++round) {
     CheckInterrupted();
     auto start = Clock::now();
@@ -149,23 +174,31 @@ void RunPoint(const Engine& engine, int32_t part_size, const Options& o, const s
     if (read != backup) throw std::runtime_error("the direct restore differs");
 
     CheckInterrupted();
-    start = Clock::now();
-    const kalvo::SocketDataStruct stored = client.Ask(115, backup, "", "1", "bench");
-    served.store.push_back(Since(start));
-    if (stored.Data != "OK") throw std::runtime_error("the server answered " + stored.Data);
-    start = Clock::now();
-    const kalvo::SocketDataStruct restored = client.Ask(116, "", "1", "1");
-    served.restore.push_back(Since(start));
-    if (restored.Data != backup) throw std::runtime_error("the server's restore differs");
+    {
+      PeakSampler sampler(server.pid(), peak_store);
+      start = Clock::now();
+      const kalvo::SocketDataStruct stored = client.Ask(115, backup, "", "1", "bench");
+      served.store.push_back(Since(start));
+      if (stored.Data != "OK") throw std::runtime_error("the server answered " + stored.Data);
+    }
+    {
+      PeakSampler sampler(server.pid(), peak_restore);
+      start = Clock::now();
+      const kalvo::SocketDataStruct restored = client.Ask(116, "", "1", "1");
+      served.restore.push_back(Since(start));
+      if (restored.Data != backup) throw std::runtime_error("the server's restore differs");
+    }
   }
   const double mib = static_cast<double>(backup.size()) / (1 << 20);
-  const double peak = static_cast<double>(ResidentBytes(server.pid(), "VmHWM"));
+  const double peak = static_cast<double>(
+      std::max({peak_store, peak_restore, ResidentBytes(server.pid(), "VmHWM")}));
   const double store_d = Median(direct.store), store_s = Median(served.store);
   const double restore_d = Median(direct.restore), restore_s = Median(served.restore);
-  std::printf("%-11s %8d %9.2f %9.2f %7.2f %9.2f %9.2f %7.2f %8.1f %8.1f %6.2f\n", e.name.c_str(),
-              part_size, store_d, store_s, store_d / store_s, restore_d, restore_s,
-              restore_d / restore_s, static_cast<double>(idle) / (1 << 20), peak / (1 << 20),
-              peak / (mib * (1 << 20)));
+  std::printf("%-11s %8d %9.2f %9.2f %7.2f %9.2f %9.2f %7.2f %8.1f %8.1f %8.1f %6.2f\n",
+              e.name.c_str(), part_size, store_d, store_s, store_d / store_s, restore_d, restore_s,
+              restore_d / restore_s, static_cast<double>(idle) / (1 << 20),
+              static_cast<double>(peak_store) / (1 << 20),
+              static_cast<double>(peak_restore) / (1 << 20), peak / (mib * (1 << 20)));
   std::fflush(stdout);
 }
 
@@ -182,9 +215,9 @@ int Run(const Options& o) {
       "a %d MiB backup stored (115) and restored (116) by kalvosrv beside the same operations "
       "called directly; medians of %d rounds, seconds; memory in MiB\n",
       o.mib, o.rounds);
-  std::printf("%-11s %8s %9s %9s %7s %9s %9s %7s %8s %8s %6s\n", "engine", "BLOBMax", "store dir",
-              "store srv", "dir/srv", "rest dir", "rest srv", "dir/srv", "idle RSS", "peak RSS",
-              "x size");
+  std::printf("%-11s %8s %9s %9s %7s %9s %9s %7s %8s %8s %8s %6s\n", "engine", "BLOBMax",
+              "store dir", "store srv", "dir/srv", "rest dir", "rest srv", "dir/srv", "idle RSS",
+              "RSS st", "RSS rest", "x size");
   std::fflush(stdout);
   for (const Engine& e : engines.engines()) {
     kalvo::Database db(engines.env(), engines.log(), e.settings);

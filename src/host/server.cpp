@@ -257,6 +257,9 @@ void Server::OnDataArrival(int index, std::string_view chunk) {
     if (!receive_buffers_.SocketGetData(index, chunk, state_.admin_login_flag)) return;
     while (receive_buffers_.SocketPrepareDataForExecution(index, state_.current)) {
       dispatcher_.DoSocketAction(index);
+      // Nothing reads the record once it is handled; a backup left in it would otherwise
+      // stay in memory, and be held beside the next long packet while that is decoded.
+      SocketClearStruct(state_.current);
       // A handler may have closed this connection.
       if (!connections_.IsLoaded(index)) break;
     }

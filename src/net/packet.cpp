@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <limits>
+#include <utility>
 
 #include "infra/log.h"
 #include "infra/numbers.h"
@@ -227,14 +228,10 @@ int32_t SocketReadPackageSize(std::string_view text) {
 }
 
 void SocketClearStruct(SocketDataStruct& record) {
-  record.PackageSize = 0;
-  record.PackageID = 0;
-  record.Reserved = 0;
-  record.Misc1.clear();
-  record.Misc2.clear();
-  record.Misc3.clear();
-  record.Data.clear();
-  record.DataSize = static_cast<int32_t>(record.Data.size());
+  // Swapped out rather than assigned: assigning empty texts keeps their buffers, which after a
+  // backup would hold megabytes until the next long packet.
+  SocketDataStruct empty;
+  std::swap(record, empty);
 }
 
 bool CheckAdminLoginPackage(Log& log, std::string_view chunk) {

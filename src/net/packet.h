@@ -59,7 +59,8 @@ SocketDataStruct SocketStringToStruct(Log& log, std::string_view text);
 // "|", the text before it is no 32-bit number, or anything else fails. Never logs.
 int32_t SocketReadPackageSize(std::string_view text);
 
-// Resets the record: numbers 0, texts empty (DataSize = length of the empty Data).
+// Resets the record: numbers 0, texts empty (DataSize = length of the empty Data), and gives
+// the memory of its texts back.
 void SocketClearStruct(SocketDataStruct& record);
 
 // True when `chunk` on its own decodes (as SocketStringToStruct would) to PackageID 501. The

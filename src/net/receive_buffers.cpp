@@ -94,9 +94,6 @@ bool ReceiveBuffers::SocketPrepareDataForExecution(int index, SocketDataStruct& 
       buffer.bytes.reserve(buffer.offset + length);
       return false;
     }
-    // The record's old texts go first: a long packet is then never held three times (old
-    // record, buffer and new record) at once.
-    current = SocketDataStruct();
     current = SocketStringToStruct(log_, pending.substr(0, length));
     if (length == pending.size()) {
       buffers_.erase(it);
