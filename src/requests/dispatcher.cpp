@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "infra/runtime_error.h"
+#include "requests/action_requests.h"
 #include "requests/audit_requests.h"
 #include "requests/backup_requests.h"
 #include "requests/certificate_requests.h"
@@ -36,7 +37,17 @@ constexpr Route kRoutes[] = {
     {311, Echo},
     {315, ListAllBackups},
     {316, GetMemberChoices},  // groups and tokens as possible action members
-    {328, DeleteTokens},      // answered, then the list broadcast
+    {317, GetActionData},
+    {318, DefineAction},  // Misc1 "UPDATE" replaces
+    {319, ListActions},
+    {320, DeleteAction},
+    {322, StopAction},
+    {323, StartAction},
+    {324, GetActionDetails},
+    {325, GetTokenActions},
+    {326, TaskResult},    // token client: a task's result; answered with the next task
+    {327, TaskHandout},   // token client: its due tasks, the first of them
+    {328, DeleteTokens},  // answered, then the list broadcast
     {329, QueryAudit},
     {330, ClearAudit},  // answered as 329
     {401, ConsoleLogin},
