@@ -289,5 +289,69 @@ TEST_F(TokenE2E, TheBackupCommandsStoreListAndFetchAFileUnchanged) {
   EXPECT_EQ(status, 2) << text;
 }
 
+TEST_F(TokenE2E, AClientRunsItsTasksAndABackupTaskBecomesAnAutomaticBackup) {
+  constexpr const char* kBackupTask = "AC000000-0000-4000-8000-000000000001";
+  constexpr const char* kScript = "AC000000-0000-4000-8000-000000000002";
+  int status = -1;
+  std::string out = Kalvoctl(*server_,
+                             std::string("action-add --guid ") + kBackupTask +
+                                 " --name Sicherung --type 1 --priority 9 --first 2020-01-01 "
+                                 "--member " +
+                                 kAnna,
+                             status);
+  EXPECT_EQ(status, 0) << out;
+  out = Kalvoctl(*server_,
+                 std::string("action-add --guid ") + kScript +
+                     " --name Skript --type 2 --period connect --first 2020-01-01 --data "
+                     "'echo|1' --member " +
+                     kAnna,
+                 status);
+  EXPECT_EQ(status, 0) << out;
+  // A definition file, with an option given beside it winning over the file.
+  TempDir dir;
+  std::ofstream(dir.path() / "a.json")
+      << R"({"guid": "AC000000-0000-4000-8000-000000000003", "name": "aus Datei", "type": 2,
+             "period": "weekly", "first": "2020-01-01", "stopped": true, "data": "x",
+             "members": [")"
+      << kAnna << R"("]})";
+  out = Kalvoctl(
+      *server_,
+      "action-add --json-file " + (dir.path() / "a.json").string() + " --name 'mit Option' --json",
+      status);
+  EXPECT_EQ(out, "{\"result\":\"OK\",\"guid\":\"AC000000-0000-4000-8000-000000000003\"}\n");
+  out = Kalvoctl(*server_, "actions", status);
+  EXPECT_NE(out.find("mit Option"), std::string::npos) << out;
+  EXPECT_NE(out.find("stopped"), std::string::npos) << out;
+  EXPECT_NE(out.find("Sicherung"), std::string::npos) << out;
+  EXPECT_NE(out.find("active"), std::string::npos) << out;
+
+  PacketPeer client(server_->port());
+  client.Send(101, kAnna, "", "anna", "");
+  ASSERT_EQ(client.Receive().PackageID, 101);
+  client.Send(327, kAnna);
+  EXPECT_EQ(client.Receive().Data, std::string(kBackupTask) + "|1||");
+  const std::string backup = EveryByte();
+  client.Send(326, backup, "", "",
+              std::string(kBackupTask) + "$" + kAnna + "$1$2027-03-01-10-00-00");
+  EXPECT_EQ(client.Receive().Data, std::string(kScript) + "|2|echo|1|");
+  client.Send(326, "ok", "", "", std::string(kScript) + "$" + kAnna + "$2$2027-03-01-10-00-01");
+  EXPECT_EQ(client.Receive(500).PackageID, 0) << "nothing after the last task";
+  // The backup task ran once; the script runs at every connection.
+  client.Send(327, kAnna);
+  EXPECT_EQ(client.Receive().Data, std::string(kScript) + "|2|echo|1|");
+
+  client.Send(116, "", "1", "1");
+  EXPECT_TRUE(client.Receive().Data == backup) << "the task's result is the automatic backup";
+  out = Kalvoctl(*server_, std::string("action-details ") + kScript, status);
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find(kAnna), std::string::npos) << out;
+  out = Kalvoctl(*server_, std::string("action-stop ") + kScript, status);
+  EXPECT_NE(out.find("OK (stopped)"), std::string::npos) << out;
+  client.Send(327, kAnna);
+  EXPECT_EQ(client.Receive().Data, "NONE");
+  out = Kalvoctl(*server_, std::string("action-delete ") + kScript, status);
+  EXPECT_EQ(status, 0) << out;
+}
+
 }  // namespace
 }  // namespace kalvo::testing

@@ -73,14 +73,16 @@ bool BuildDraft(const CLI::App& sub, AddOptions& o, std::string& error) {
       return false;
     }
   }
-  // Without a file every option counts, with its default where it was not given.
-  const auto given = [&](const char* name) { return o.json_file.empty() || sub.count(name) > 0; };
-  if (given("--guid")) d.guid = Utf8ToCp1252(o.guid);
-  if (given("--name")) d.name = Utf8ToCp1252(o.name);
-  if (given("--type")) d.type = o.type;
-  if (given("--priority")) d.priority = o.priority;
-  if (given("--stopped")) d.stopped = o.stopped;
-  if (given("--period")) d.period = *ActionPeriod(o.period);
+  // Without a file the options with a default count even when not given; the others (and,
+  // with a file, all) only when given.
+  const auto given = [&](const char* name) { return sub.count(name) > 0; };
+  const auto set = [&](const char* name) { return o.json_file.empty() || given(name); };
+  if (set("--guid")) d.guid = Utf8ToCp1252(o.guid);
+  if (set("--name")) d.name = Utf8ToCp1252(o.name);
+  if (set("--type")) d.type = o.type;
+  if (set("--priority")) d.priority = o.priority;
+  if (set("--stopped")) d.stopped = o.stopped;
+  if (set("--period")) d.period = *ActionPeriod(o.period);
   if (given("--first")) d.first_time = *ActionTime(o.first);
   if (given("--last")) d.last_time = *ActionTime(o.last);
   if (d.first_time.empty()) d.first_time = FormatTimestamp("");
