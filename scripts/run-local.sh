@@ -29,5 +29,7 @@ if [ ! -f "$run/registry.reg" ]; then
 fi
 export ODBCSYSINI=$run ODBCINI=$run/odbc.ini
 "$build/kalvosrv" --check-config --registry "$run/registry.reg" --log-file "$run/kalvosrv.log" || true
-echo "kalvosrv: port 15243, status http://127.0.0.1:15244/status, log $run/kalvosrv.log (Ctrl-C stops)"
-exec "$build/kalvosrv" --foreground --registry "$run/registry.reg" --log-file "$run/kalvosrv.log"
+# A trial server answers this machine only.
+echo "kalvosrv: 127.0.0.1:15243, status http://127.0.0.1:15244/status, log $run/kalvosrv.log (Ctrl-C stops)"
+exec "$build/kalvosrv" --foreground --listen-address 127.0.0.1 --registry "$run/registry.reg" \
+  --log-file "$run/kalvosrv.log"

@@ -14,6 +14,9 @@
 namespace {
 
 constexpr const char* kDefaultRegistry = "/etc/opt/zentara/registry.reg";
+constexpr const char* kUsage =
+    "usage: kalvosrv [--registry FILE] [--log-file FILE] [--listen-address IPV4] "
+    "[--foreground | --check-config | --encrypt | --decrypt | --version | --help]";
 
 std::string DefaultRegistryPath() {
   const char* env = std::getenv("KALVOSRV_REGISTRY");
@@ -54,7 +57,14 @@ int main(int argc, char** argv) {
                "LoginUser/LoginPass registry values");
   app.add_flag("--decrypt", decrypt, "read one cipher text from standard input, print the text");
   app.add_flag("--version", version, "print the version and exit");
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // --help asks for its output; anything else is a command line we cannot run.
+    if (e.get_exit_code() == 0) return app.exit(e);
+    std::cerr << "kalvosrv: " << e.what() << "\n" << kUsage << "\n";
+    return 2;
+  }
 
   if (version) {
     std::cout << "kalvosrv " << kalvo::GetVersionText("FileVersion") << "\n"

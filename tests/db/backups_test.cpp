@@ -208,6 +208,11 @@ TEST_P(BackupsTest, ABackupThatCannotBeWrittenWholeLeavesNoPartBehind) {
     MustExecute(
         {"CREATE TRIGGER no_part_2 BEFORE UPDATE ON tbl_kdx_backup "
          "WHEN NEW.backup_order = 2 BEGIN SELECT RAISE(ABORT, 'part 2'); END"});
+  } else if (GetParam() == Engine::kMariaDb) {
+    MustExecute(
+        {"CREATE TRIGGER no_part_2 BEFORE UPDATE ON tbl_kdx_backup FOR EACH ROW "
+         "IF NEW.backup_order = 2 THEN SIGNAL SQLSTATE '45000' SET MESSAGE_TEXT = 'part 2'; "
+         "END IF"});
   } else {
     MustExecute(
         {"CREATE FUNCTION no_part_2() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "

@@ -131,6 +131,12 @@ TEST_P(ConnectionTest, Windows1252TextRoundTripsUnchanged) {
     EXPECT_EQ(Query("SHOW client_encoding"), "WIN1252");
     EXPECT_EQ(Query("SELECT LENGTH(a) FROM t_text"), "18");
   }
+  if (GetParam() == Engine::kMariaDb) {
+    // The template's character set and session settings are in force.
+    EXPECT_EQ(Query("SELECT @@character_set_connection"), "latin1");
+    EXPECT_EQ(Query("SELECT LENGTH(a) FROM t_text"), "18");
+    EXPECT_NE(Query("SELECT @@sql_mode").find("IGNORE_SPACE"), std::string::npos);
+  }
 }
 
 TEST_P(ConnectionTest, NumberDirectlyBeforeAndIsAccepted) {

@@ -1,6 +1,7 @@
 // One body of database tests, run once per engine: each test of a TEST_P suite derived from
-// DbTest runs against SQLite (the SQLite3 driver, a temporary file) and PostgreSQL (the
-// PostgreSQL ANSI driver, a cluster this test program starts once on loopback).
+// DbTest runs against SQLite (the SQLite3 driver, a temporary file), PostgreSQL (the
+// PostgreSQL ANSI driver, a cluster this test program starts once on loopback) and MariaDB
+// (the driver of the shipped template, a server this test program starts once on loopback).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,14 +20,22 @@
 
 namespace kalvo::testing {
 
-enum class Engine { kSqlite, kPostgres };
+enum class Engine { kSqlite, kPostgres, kMariaDb };
 
 inline std::string EngineName(const ::testing::TestParamInfo<Engine>& info) {
-  return info.param == Engine::kSqlite ? "SQLite" : "PostgreSQL";
+  switch (info.param) {
+    case Engine::kSqlite:
+      return "SQLite";
+    case Engine::kPostgres:
+      return "PostgreSQL";
+    case Engine::kMariaDb:
+      return "MariaDB";
+  }
+  return "?";
 }
 
-// Everything a test program shares: the temporary directory, the PostgreSQL cluster, the
-// ODBC configuration, the one ODBC environment, and a log with level 1.
+// Everything a test program shares: the temporary directory, the PostgreSQL and MariaDB
+// servers, the ODBC configuration, the one ODBC environment, and a log with level 1.
 class SharedDatabases {
  public:
   static SharedDatabases& Get() {
@@ -34,17 +43,39 @@ class SharedDatabases {
     return shared;
   }
 
-  bool postgres_ok() const { return postgres_ok_; }
+  // Each server is started when the first test of its engine asks for it, so a program
+  // (or a single test case run on its own) starts only the servers it uses. True when the
+  // server runs; otherwise the error says why.
+  bool postgres_ok() {
+    if (!pg_tried_) {
+      pg_tried_ = true;
+      postgres_ok_ = pg_.Start(pg_port_);
+    }
+    return postgres_ok_;
+  }
   const std::string& postgres_error() const { return pg_.error(); }
+  bool mariadb_ok() {
+    if (!maria_tried_) {
+      maria_tried_ = true;
+      mariadb_ok_ = maria_.Start(maria_port_);
+    }
+    return mariadb_ok_;
+  }
+  const std::string& mariadb_error() const { return maria_.error(); }
   OdbcEnvironment& env() { return *env_; }
   Log& log() { return *log_; }
   const std::string& log_path() const { return log_->path(); }
   const TempDir& dir() const { return dir_; }
 
  private:
-  SharedDatabases() : pg_(dir_.path()) {
-    postgres_ok_ = pg_.Start();
-    WriteOdbcConfig(dir_.path(), true, dir_.path() / "kalvo.db", postgres_ok_ ? pg_.port() : 0);
+  // The data sources name their ports before the servers run: the ODBC configuration must
+  // be written before the one environment is created.
+  SharedDatabases()
+      : pg_(dir_.path()),
+        maria_(dir_.path()),
+        pg_port_(FreeLoopbackPort()),
+        maria_port_(FreeLoopbackPortOtherThan(pg_port_)) {
+    WriteOdbcConfig(dir_.path(), true, dir_.path() / "kalvo.db", pg_port_, maria_port_);
     env_ = std::make_unique<OdbcEnvironment>(true);
     {
       std::ofstream reg(dir_.path() / "registry.reg");
@@ -57,7 +88,13 @@ class SharedDatabases {
 
   TempDir dir_;
   PgCluster pg_;
+  MariaDbServer maria_;
+  int pg_port_;
+  int maria_port_;
+  bool pg_tried_ = false;
+  bool maria_tried_ = false;
   bool postgres_ok_ = false;
+  bool mariadb_ok_ = false;
   std::unique_ptr<OdbcEnvironment> env_;
   std::unique_ptr<RegistryStore> registry_;
   std::unique_ptr<Log> log_;
@@ -76,6 +113,14 @@ class DbTest : public ::testing::TestWithParam<Engine> {
       }
       GTEST_SKIP() << "PostgreSQL test cluster did not start: " << shared.postgres_error();
     }
+    if (GetParam() == Engine::kMariaDb && !shared.mariadb_ok()) {
+      // Only missing binaries excuse a skip; a server that is installed but does not start
+      // is a failure.
+      if (MariaDbServer::Installed() || RunningInCi()) {
+        FAIL() << "MariaDB test server did not start: " << shared.mariadb_error();
+      }
+      GTEST_SKIP() << "MariaDB test server not run: " << shared.mariadb_error();
+    }
     database_ = std::make_unique<Database>(shared.env(), shared.log(), Settings());
     CleanDatabase();
     ClearLog();
@@ -84,18 +129,28 @@ class DbTest : public ::testing::TestWithParam<Engine> {
   // The settings an administrator would configure for the engine under test.
   DatabaseSettings Settings() const {
     DatabaseSettings s;
-    if (GetParam() == Engine::kSqlite) {
-      s.dsn = kSqliteDsn;
-      s.blob_type = "BLOB";
-    } else {
-      s.dsn = kPostgresDsn;
-      s.user = kPgUser;
-      s.password = kPgPassword;
-      s.blob_type = "BYTEA";
+    s.number_type = "INTEGER";
+    switch (GetParam()) {
+      case Engine::kSqlite:
+        s.dsn = kSqliteDsn;
+        s.blob_type = "BLOB";
+        break;
+      case Engine::kPostgres:
+        s.dsn = kPostgresDsn;
+        s.user = kPgUser;
+        s.password = kPgPassword;
+        s.blob_type = "BYTEA";
+        break;
+      case Engine::kMariaDb:
+        s.dsn = kMariaDbDsn;
+        s.user = kMariaDbUser;
+        s.password = kMariaDbPassword;
+        s.number_type = "INT";
+        s.blob_type = "LONGBLOB";
+        break;
     }
     s.string_type = "VARCHAR";
     s.string_max_size = 255;
-    s.number_type = "INTEGER";
     s.blob_max_size = 1000;
     return s;
   }
@@ -162,10 +217,11 @@ inline std::string DbTest::TableNameForCleanup(int index) {
   return kNames[index - 1];
 }
 
-#define KALVO_INSTANTIATE_ENGINES(suite)                                                         \
-  INSTANTIATE_TEST_SUITE_P(                                                                      \
-      Engines, suite,                                                                            \
-      ::testing::Values(::kalvo::testing::Engine::kSqlite, ::kalvo::testing::Engine::kPostgres), \
+#define KALVO_INSTANTIATE_ENGINES(suite)                                                        \
+  INSTANTIATE_TEST_SUITE_P(                                                                     \
+      Engines, suite,                                                                           \
+      ::testing::Values(::kalvo::testing::Engine::kSqlite, ::kalvo::testing::Engine::kPostgres, \
+                        ::kalvo::testing::Engine::kMariaDb),                                    \
       ::kalvo::testing::EngineName)
 
 }  // namespace kalvo::testing

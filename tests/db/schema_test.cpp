@@ -85,7 +85,7 @@ TEST_P(SchemaTest, CreateOnAnEmptyDatabaseBuildsEverythingAndStoresTheSettings) 
   EXPECT_EQ(stores_, 1);
   EXPECT_EQ(stored_.dsn, Settings().dsn);
   EXPECT_EQ(stored_.blob_max_size, 1000);
-  EXPECT_EQ(db().settings().number_type, "INTEGER");
+  EXPECT_EQ(db().settings().number_type, Settings().number_type);
   EXPECT_NE(LogText().find("DBConfigDatabase (OK)"), std::string::npos);
   EXPECT_EQ(State(), TableState::kUpToDate);
   EXPECT_EQ(Query("SELECT group_guid, group_name, group_description, group_abilities FROM "
@@ -205,11 +205,26 @@ TEST_P(SchemaTest, AddColumnProbesBeforeAltering) {
 }
 
 TEST_P(SchemaTest, LookupIndexesComeWithTheTablesAndTheUpgradeWithoutCountingOrChangingState) {
-  const std::string names =
-      GetParam() == Engine::kSqlite
-          ? "SELECT name FROM sqlite_master WHERE type = 'index' AND name LIKE 'ix_kdx_%' "
-            "ORDER BY name"
-          : "SELECT indexname FROM pg_indexes WHERE indexname LIKE 'ix_kdx_%' ORDER BY indexname";
+  std::string names;
+  // MariaDB names an index together with its table when dropping it.
+  std::string on_token, on_logging;
+  switch (GetParam()) {
+    case Engine::kSqlite:
+      names =
+          "SELECT name FROM sqlite_master WHERE type = 'index' AND name LIKE 'ix_kdx_%' "
+          "ORDER BY name";
+      break;
+    case Engine::kPostgres:
+      names = "SELECT indexname FROM pg_indexes WHERE indexname LIKE 'ix_kdx_%' ORDER BY indexname";
+      break;
+    case Engine::kMariaDb:
+      names =
+          "SELECT DISTINCT index_name FROM information_schema.statistics WHERE table_schema = "
+          "DATABASE() AND index_name LIKE 'ix_kdx_%' ORDER BY index_name";
+      on_token = " ON tbl_kdx_token";
+      on_logging = " ON tbl_kdx_logging_client";
+      break;
+  }
   const std::string all =
       "ix_kdx_backup_part$ix_kdx_job_members_member$ix_kdx_job_state_token$"
       "ix_kdx_logging_time$ix_kdx_logging_token$ix_kdx_token_groups_group$"
@@ -217,7 +232,8 @@ TEST_P(SchemaTest, LookupIndexesComeWithTheTablesAndTheUpgradeWithoutCountingOrC
   ASSERT_EQ(Configure(1), 0);
   EXPECT_EQ(Query(names), all);
   // A database made before the indexes existed stays up to date and gets them on upgrade.
-  MustExecute({"DROP INDEX ix_kdx_token_guid", "DROP INDEX ix_kdx_logging_time"});
+  MustExecute(
+      {"DROP INDEX ix_kdx_token_guid" + on_token, "DROP INDEX ix_kdx_logging_time" + on_logging});
   EXPECT_EQ(State(), TableState::kUpToDate);
   ClearLog();
   EXPECT_EQ(Configure(2), 0);
@@ -227,7 +243,7 @@ TEST_P(SchemaTest, LookupIndexesComeWithTheTablesAndTheUpgradeWithoutCountingOrC
   // An index that cannot be made is logged, never counted: here its table is a view.
   ASSERT_EQ(Configure(3), 0);
   ASSERT_EQ(Configure(1), 0);
-  MustExecute({"DROP INDEX ix_kdx_token_guid", "DROP TABLE tbl_kdx_token",
+  MustExecute({"DROP INDEX ix_kdx_token_guid" + on_token, "DROP TABLE tbl_kdx_token",
                "CREATE TABLE t_text (token_guid VARCHAR(36), token_person VARCHAR(255), "
                "token_description VARCHAR(255), token_creation VARCHAR(19), token_last_use "
                "VARCHAR(19), token_last_ip VARCHAR(15), token_certificate " +

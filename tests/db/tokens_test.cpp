@@ -154,7 +154,14 @@ TEST_P(TokensTest, ValuesWithQuotesFailTheOperationWithoutReachingTheDatabase) {
   EXPECT_FALSE(DBSetTokenData(db(), kAnna, "O'Brien|x"));
   EXPECT_EQ(DBSetLastTokenConnect(db(), kAnna, "", "10.0.0.7", "CN=O'Brien"), "");
   EXPECT_EQ(Query("SELECT token_person FROM tbl_kdx_token"), "");
-  // A backslash is an ordinary character on these engines.
+  if (GetParam() == Engine::kMariaDb) {
+    // MariaDB reads a backslash in a literal as an escape, so it is refused like a quote.
+    EXPECT_FALSE(DBSetTokenData(db(), kAnna, "DOMAIN\\anna|x"));
+    EXPECT_TRUE(Logged("value holds a quote character"));
+    EXPECT_EQ(Query("SELECT token_person FROM tbl_kdx_token"), "");
+    return;
+  }
+  // A backslash is an ordinary character on the other engines.
   EXPECT_TRUE(DBSetTokenData(db(), kAnna, "DOMAIN\\anna|x"));
   EXPECT_EQ(Query("SELECT token_person FROM tbl_kdx_token"), "DOMAIN\\anna");
 }

@@ -1,5 +1,6 @@
 // kalvoctl: a console for the server's packet protocol.
 #include <CLI/CLI.hpp>
+#include <iostream>
 
 #include "infra/version.h"
 #include "kalvoctl/action_commands.h"
@@ -37,8 +38,12 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    const int code = app.exit(e);
-    return code == 0 ? 0 : kalvo::ctl::kExitUsage;
+    // --help and --version ask for their output; anything else cannot be run.
+    if (e.get_exit_code() == 0) return app.exit(e);
+    std::cerr << "kalvoctl: " << e.what() << "\n"
+              << "usage: kalvoctl COMMAND [OPTIONS]  (kalvoctl --help lists the commands, "
+                 "kalvoctl COMMAND --help their options)\n";
+    return kalvo::ctl::kExitUsage;
   }
   return exit_code;
 }
