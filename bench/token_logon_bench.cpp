@@ -81,9 +81,6 @@ constexpr int64_t kAuditRows = 1'000'000;
 constexpr const char* kLogonName = "bench";
 constexpr const char* kUserDn = "CN=Bench User,OU=Tokens,O=Orvanta";
 constexpr const char* kPeerIp = "127.0.0.1";
-// Multiplier of the first GUID group: consecutive rows get scattered GUIDs, as real ones are.
-constexpr uint64_t kGuidMix = 2654435761u;
-
 struct Options {
   double seconds = 3.0;
   bool million = true;
@@ -112,38 +109,6 @@ bool ParseOptions(int argc, char** argv, Options& o) {
     }
   }
   return true;
-}
-
-// The GUID of token row `n`: 8-4-4-4-12 upper-case hexadecimal, the row number in the last
-// group. The SQL of GuidSql gives the same text.
-std::string GuidOf(int64_t n) {
-  char text[40];
-  std::snprintf(
-      text, sizeof text, "%08llX-0000-4000-8000-%012llX",
-      static_cast<unsigned long long>((static_cast<uint64_t>(n) * kGuidMix) % (1ull << 32)),
-      static_cast<unsigned long long>(n));
-  return text;
-}
-
-std::string GuidSql(bool postgres, const std::string& n) {
-  const std::string mixed = "((" + n + ") * " + std::to_string(kGuidMix) + ") % 4294967296";
-  if (postgres) {
-    return "upper(lpad(to_hex(" + mixed + "), 8, '0') || '-0000-4000-8000-' || lpad(to_hex(" + n +
-           "), 12, '0'))";
-  }
-  return "printf('%08X-0000-4000-8000-%012X', " + mixed + ", " + n + ")";
-}
-
-// "INSERT INTO table SELECT <columns> ..." over n = first..last.
-std::string InsertSeries(bool postgres, const std::string& table, const std::string& columns,
-                         int64_t first, int64_t last) {
-  if (postgres) {
-    return "INSERT INTO " + table + " SELECT " + columns + " FROM generate_series(" +
-           std::to_string(first) + "::bigint, " + std::to_string(last) + "::bigint) AS s(n)";
-  }
-  return "INSERT INTO " + table + " WITH RECURSIVE s(n) AS (SELECT " + std::to_string(first) +
-         " UNION ALL SELECT n + 1 FROM s WHERE n < " + std::to_string(last) + ") SELECT " +
-         columns + " FROM s";
 }
 
 // Bulk loads rebuild the lookup indexes afterwards: much faster than maintaining them per row.
