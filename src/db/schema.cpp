@@ -139,6 +139,13 @@ constexpr Index kIndexes[] = {
     // would read all parts of the token.
     {"ix_kdx_backup_part", "tbl_kdx_backup", "token_guid, backup_type, backup_index, backup_order"},
     {"ix_kdx_job_members_member", "tbl_kdx_job_members", "member_guid"},
+    // Handing out tasks reads an action's properties, members, payload parts and the token's
+    // state row many times per connection.
+    {"ix_kdx_job_properties_action", "tbl_kdx_job_properties", "action_guid"},
+    {"ix_kdx_job_members_action", "tbl_kdx_job_members", "action_guid"},
+    {"ix_kdx_job_data_action", "tbl_kdx_job_data", "action_guid, action_data_order"},
+    {"ix_kdx_job_data_source_action", "tbl_kdx_job_data_source", "action_guid"},
+    {"ix_kdx_job_state_action", "tbl_kdx_job_state", "action_guid, token_guid"},
     {"ix_kdx_job_state_token", "tbl_kdx_job_state", "token_guid"},
     {"ix_kdx_logging_time", "tbl_kdx_logging_client", "token_timestamp"},
     {"ix_kdx_logging_token", "tbl_kdx_logging_client", "token_guid"},

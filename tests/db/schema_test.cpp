@@ -226,7 +226,9 @@ TEST_P(SchemaTest, LookupIndexesComeWithTheTablesAndTheUpgradeWithoutCountingOrC
       break;
   }
   const std::string all =
-      "ix_kdx_backup_part$ix_kdx_job_members_member$ix_kdx_job_state_token$"
+      "ix_kdx_backup_part$ix_kdx_job_data_action$ix_kdx_job_data_source_action$"
+      "ix_kdx_job_members_action$ix_kdx_job_members_member$ix_kdx_job_properties_action$"
+      "ix_kdx_job_state_action$ix_kdx_job_state_token$"
       "ix_kdx_logging_time$ix_kdx_logging_token$ix_kdx_token_groups_group$"
       "ix_kdx_token_groups_token$ix_kdx_token_guid";
   ASSERT_EQ(Configure(1), 0);
