@@ -105,7 +105,12 @@ TEST_P(ActionsTest, ADefinitionIsStoredWithItsPartsAndReadBackWhole) {
 TEST_P(ActionsTest, StatesFollowSpanStopAndValidity) {
   SetClock("2027-06-01-12-00-00");
   ASSERT_TRUE(Define(Action(kA1)));
+  ClearLog();
   EXPECT_EQ(State(kA1), kActionActive);
+  for (const char* line : {"DBGetActionState (OK)", "DBValidateAction (OK)", "ActionHasData (OK)",
+                           "DBAllMembersDone (OK)", "DBGetActionStateConnect (OK)"}) {
+    EXPECT_TRUE(Logged(line)) << line;
+  }
 
   ActionDefinition waiting = Action(kA2);
   waiting.first_time = "2027-06-01-12-00-01";
@@ -119,6 +124,9 @@ TEST_P(ActionsTest, StatesFollowSpanStopAndValidity) {
   EXPECT_EQ(State(kA3), kActionExpired);
   EXPECT_EQ(DBStartAction(db(), kA3, true), "OK");
   EXPECT_EQ(State(kA3), kActionStopped) << "stopped beats expired";
+  EXPECT_EQ(Query("SELECT action_stopped FROM tbl_kdx_job_properties WHERE action_guid = '" +
+                  std::string(kA3) + "'"),
+            "1");
   EXPECT_EQ(DBStartAction(db(), kA3, false), "OK");
   EXPECT_EQ(State(kA3), kActionExpired);
   EXPECT_EQ(State("AC000000-0000-4000-8000-0000000000FF"), kActionNotFound);

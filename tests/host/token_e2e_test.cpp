@@ -353,5 +353,39 @@ TEST_F(TokenE2E, AClientRunsItsTasksAndABackupTaskBecomesAnAutomaticBackup) {
   EXPECT_EQ(status, 0) << out;
 }
 
+TEST_F(TokenE2E, TheTasksHandedToAConnectionAreForgottenWhenItCloses) {
+  int status = -1;
+  for (const char* guid :
+       {"AC000000-0000-4000-8000-000000000001", "AC000000-0000-4000-8000-000000000002"}) {
+    const std::string out = Kalvoctl(*server_,
+                                     std::string("action-add --guid ") + guid +
+                                         " --name A --period connect --first 2020-01-01 "
+                                         "--data x --member " +
+                                         kAnna,
+                                     status);
+    ASSERT_EQ(status, 0) << out;
+  }
+  const std::string result =
+      std::string("AC000000-0000-4000-8000-000000000001$") + kAnna + "$2$2027-03-01-10-00-00";
+  {
+    PacketPeer first(server_->port());
+    first.Send(327, kAnna);
+    ASSERT_EQ(first.Receive().PackageID, 327);
+    first.Close();
+  }
+  // The next connection takes the freed place; a result without a hand-out gets no task.
+  PacketPeer second(server_->port());
+  second.Send(311);
+  ASSERT_EQ(second.Receive().PackageID, 311);
+  second.Send(326, "", "", "", result);
+  second.Send(311);
+  EXPECT_EQ(second.Receive().PackageID, 311) << "no 327 before the echo";
+  // With a hand-out of its own the same result is answered with the next task.
+  second.Send(327, kAnna);
+  ASSERT_EQ(second.Receive().PackageID, 327);
+  second.Send(326, "", "", "", result);
+  EXPECT_EQ(second.Receive().PackageID, 327);
+}
+
 }  // namespace
 }  // namespace kalvo::testing
