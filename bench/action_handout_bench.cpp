@@ -128,21 +128,10 @@ double ServerRate(const ServerChild& server, int connections, double seconds, st
     kalvo::SocketDataStruct r;
     r.PackageID = 327;
     r.Data = RandomToken(rng);
-    kalvo::PrepareForSending(r, log);
-    asio::write(s, asio::buffer(kalvo::SocketStructToString(log, r)));
+    SendPacket(s, std::move(r), log);
   };
   const auto receive = [&](tcp::socket& s) {
-    std::string text;
-    char c = 0;
-    while (c != '|') {
-      asio::read(s, asio::buffer(&c, 1));
-      text += c;
-    }
-    const size_t size = std::stoul(text);
-    const size_t head = text.size();
-    text.resize(size);
-    asio::read(s, asio::buffer(text.data() + head, size - head));
-    if (kalvo::SocketStringToStruct(log, text).Data == "NONE") {
+    if (ReceivePacket(s, log).Data == "NONE") {
       throw std::runtime_error("the server handed out nothing");
     }
   };
@@ -204,13 +193,5 @@ int main(int argc, char** argv) {
                  argv[0]);
     return 2;
   }
-  std::signal(SIGINT, OnSignal);
-  std::signal(SIGTERM, OnSignal);
-  try {
-    return Run(options);
-  } catch (const std::exception& e) {
-    // Reached after every destructor ran: server stopped, cluster stopped, files removed.
-    std::fprintf(stderr, "action_handout_bench: %s\n", e.what());
-    return 1;
-  }
+  return GuardedRun("action_handout_bench", [&] { return Run(options); });
 }

@@ -86,26 +86,11 @@ class Client {
     r.Misc1 = std::move(misc1);
     r.Misc2 = std::move(misc2);
     r.Misc3 = std::move(misc3);
-    kalvo::PrepareForSending(r, log_);
-    asio::write(socket_, asio::buffer(kalvo::SocketStructToString(log_, r)));
-    return Receive();
+    SendPacket(socket_, std::move(r), log_);
+    return ReceivePacket(socket_, log_);
   }
 
  private:
-  kalvo::SocketDataStruct Receive() {
-    std::string text;
-    char c = 0;
-    while (c != '|') {
-      asio::read(socket_, asio::buffer(&c, 1));
-      text += c;
-    }
-    const size_t size = std::stoul(text);
-    const size_t head = text.size();
-    text.resize(size);
-    asio::read(socket_, asio::buffer(text.data() + head, size - head));
-    return kalvo::SocketStringToStruct(log_, text);
-  }
-
   asio::io_context io_;
   tcp::socket socket_;
   kalvo::Log& log_;
@@ -238,13 +223,5 @@ int main(int argc, char** argv) {
                  argv[0]);
     return 2;
   }
-  std::signal(SIGINT, OnSignal);
-  std::signal(SIGTERM, OnSignal);
-  try {
-    return Run(options);
-  } catch (const std::exception& e) {
-    // Reached after every destructor ran: server stopped, cluster stopped, files removed.
-    std::fprintf(stderr, "backup_bench: %s\n", e.what());
-    return 1;
-  }
+  return GuardedRun("backup_bench", [&] { return Run(options); });
 }

@@ -32,6 +32,8 @@
 #include "db/schema.h"
 #include "infra/log.h"
 #include "infra/registry_store.h"
+#include "net/packet.h"
+#include "net/socket_send.h"
 #include "security/encryption.h"
 
 namespace kalvo::bench {
@@ -317,6 +319,41 @@ inline int64_t ResidentBytes(pid_t pid, const char* field = "VmRSS") {
     if (line.rfind(prefix, 0) == 0) return std::stoll(line.substr(prefix.size())) * 1024;
   }
   return 0;
+}
+
+// Sends `packet` (sizes computed here) on a blocking socket.
+inline void SendPacket(tcp::socket& socket, kalvo::SocketDataStruct packet, kalvo::Log& log) {
+  kalvo::PrepareForSending(packet, log);
+  asio::write(socket, asio::buffer(kalvo::SocketStructToString(log, packet)));
+}
+
+// Reads the next whole packet from a blocking socket.
+inline kalvo::SocketDataStruct ReceivePacket(tcp::socket& socket, kalvo::Log& log) {
+  std::string text;
+  char c = 0;
+  while (c != '|') {
+    asio::read(socket, asio::buffer(&c, 1));
+    text += c;
+  }
+  const size_t size = std::stoul(text);
+  const size_t head = text.size();
+  text.resize(size);
+  asio::read(socket, asio::buffer(text.data() + head, size - head));
+  return kalvo::SocketStringToStruct(log, text);
+}
+
+// Runs a benchmark with Ctrl-C and SIGTERM turned into an orderly stop; an exception is
+// reported under `name` after every destructor ran (servers stopped, clusters stopped, files
+// removed). Gives the exit status.
+inline int GuardedRun(const char* name, const std::function<int()>& run) {
+  std::signal(SIGINT, OnSignal);
+  std::signal(SIGTERM, OnSignal);
+  try {
+    return run();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "%s: %s\n", name, e.what());
+    return 1;
+  }
 }
 
 }  // namespace kalvo::bench

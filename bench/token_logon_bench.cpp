@@ -537,13 +537,5 @@ int main(int argc, char** argv) {
                  argv[0]);
     return 2;
   }
-  std::signal(SIGINT, OnSignal);
-  std::signal(SIGTERM, OnSignal);
-  try {
-    return Run(options);
-  } catch (const std::exception& e) {
-    // Reached after every destructor ran: server stopped, cluster stopped, files removed.
-    std::fprintf(stderr, "token_logon_bench: %s\n", e.what());
-    return 1;
-  }
+  return GuardedRun("token_logon_bench", [&] { return Run(options); });
 }

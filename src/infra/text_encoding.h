@@ -15,6 +15,9 @@ std::string Cp1252ToUtf8(std::string_view text);
 // UTF-8 sequence is taken byte by byte as Windows-1252.
 std::string Utf8ToCp1252(std::string_view text);
 
+// Appends code point `cp` to `out` as UTF-8.
+void AppendUtf8(std::string& out, char32_t cp);
+
 // True when `bytes` is well-formed UTF-8 (no overlongs, no surrogates).
 bool IsValidUtf8(std::string_view bytes);
 

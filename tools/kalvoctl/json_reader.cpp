@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "infra/text_encoding.h"
+
 namespace kalvo::ctl {
 namespace {
 
@@ -107,24 +109,6 @@ class Reader {
     v.number = std::strtod(v.text.c_str(), &end);
     if (v.text.empty() || end != v.text.c_str() + v.text.size()) return Fail("not a value");
     return true;
-  }
-
-  static void AppendUtf8(std::string& out, unsigned code) {
-    if (code < 0x80) {
-      out += static_cast<char>(code);
-    } else if (code < 0x800) {
-      out += static_cast<char>(0xC0 | (code >> 6));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-      out += static_cast<char>(0xE0 | (code >> 12));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (code >> 18));
-      out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    }
   }
 
   bool Hex4(unsigned& code) {
