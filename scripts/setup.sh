@@ -44,11 +44,11 @@ if [ "$mode" = run ]; then
   exec scripts/run-local.sh build
 fi
 
-# The sanitizer build is optimised lightly and carries no debug information beyond what its
-# reports need: that keeps the whole run short on two cores. The options a "run" may have
-# left in build/ are set back.
+# Both builds carry no debug information beyond what backtraces and sanitizer reports need,
+# and the sanitizer build is optimised lightly: that keeps the whole run short on two cores.
+# The options a "run" may have left in build/ are set back.
 configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKALVO_TESTS=ON -DKALVO_BENCH=ON \
-  -DCMAKE_DISABLE_FIND_PACKAGE_Qt6=OFF
+  -DCMAKE_DISABLE_FIND_PACKAGE_Qt6=OFF "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O2 -g1 -DNDEBUG"
 cmake --build build -j "$jobs"
 # The desktop companion (Qt) and the package are tested in the plain build only.
 configure build-asan -DKALVO_SANITIZE=ON -DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1 -g1" \
