@@ -119,13 +119,11 @@ bool DBSetActionData(Database& database, const ActionDefinition& a, bool replace
           MustExecute(c, sql.Value(a.guid).Sql("','").Value(member).Sql("')"));
         }
         if (!a.data.empty()) {
-          const int32_t part_size = database.settings().blob_max_size;
-          const int64_t length = static_cast<int64_t>(a.data.size());
-          const int32_t parts = GetDataSplitCount(database.log(), length, part_size);
-          for (int32_t part = 1; part <= parts; ++part) {
-            const int32_t size = GetDataSplitSize(database.log(), length, part_size, part);
-            const std::string_view text = std::string_view(a.data).substr(
-                static_cast<size_t>(int64_t{part - 1} * part_size), static_cast<size_t>(size));
+          const std::vector<std::string_view> parts =
+              SplitDataIntoParts(database.log(), a.data, database.settings().blob_max_size);
+          for (size_t i = 0; i < parts.size(); ++i) {
+            const int32_t part = static_cast<int32_t>(i + 1);
+            const std::string_view text = parts[i];
             Statement row("INSERT INTO tbl_kdx_job_data VALUES ('");
             MustExecute(c, row.Value(a.guid).Sql("','',0)"));
             // The bytes and the part number go into the row just inserted, the one still

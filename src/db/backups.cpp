@@ -84,6 +84,20 @@ int32_t GetDataSplitSize(Log& log, int64_t length, int32_t part_size, int32_t pa
   return static_cast<int32_t>(size);
 }
 
+std::vector<std::string_view> SplitDataIntoParts(Log& log, std::string_view data,
+                                                 int32_t part_size) {
+  const int64_t length = static_cast<int64_t>(data.size());
+  const int32_t count = GetDataSplitCount(log, length, part_size);
+  std::vector<std::string_view> parts;
+  parts.reserve(static_cast<size_t>(count));
+  for (int32_t part = 1; part <= count; ++part) {
+    const int32_t size = GetDataSplitSize(log, length, part_size, part);
+    parts.push_back(
+        data.substr(static_cast<size_t>(int64_t{part - 1} * part_size), static_cast<size_t>(size)));
+  }
+  return parts;
+}
+
 bool DBSetTokenBackupData(Database& database, const BackupMaxima& maxima, std::string_view guid,
                           int32_t type, std::string_view name, std::string_view data,
                           std::string& result) {
@@ -107,14 +121,12 @@ bool DBSetTokenBackupData(Database& database, const BackupMaxima& maxima, std::s
         shift.Sql("WHERE token_guid = '").Value(guid).Sql("' AND backup_type = ").Number(type);
         if (!Execute(c, shift)) return;
 
-        const int32_t part_size = database.settings().blob_max_size;
-        const int64_t length = static_cast<int64_t>(data.size());
-        const int32_t parts = GetDataSplitCount(database.log(), length, part_size);
+        const std::vector<std::string_view> parts =
+            SplitDataIntoParts(database.log(), data, database.settings().blob_max_size);
         const std::string now = FormatTimestamp(database.Now());
-        for (int32_t part = 1; part <= parts; ++part) {
-          const int32_t size = GetDataSplitSize(database.log(), length, part_size, part);
-          const std::string_view text = data.substr(
-              static_cast<size_t>(int64_t{part - 1} * part_size), static_cast<size_t>(size));
+        for (size_t i = 0; i < parts.size(); ++i) {
+          const int32_t part = static_cast<int32_t>(i + 1);
+          const std::string_view text = parts[i];
           if (!WritePart(c, guid, name, type, part, text, now)) {
             // The parts written so far would read back as a shorter backup: they go again.
             Statement undo = FromTokenBackups("DELETE ", guid);

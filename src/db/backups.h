@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "db/database.h"
 
@@ -44,6 +45,11 @@ int32_t GetDataSplitCount(Log& log, int64_t length, int32_t part_size);
 // The length of part `part` (from 1): `part_size`, or what is left for the last part. Logs
 // "GetDataSplitSize (OK)".
 int32_t GetDataSplitSize(Log& log, int64_t length, int32_t part_size, int32_t part);
+
+// `data` cut into its parts of `part_size` characters (GetDataSplitCount parts of
+// GetDataSplitSize characters, in order); the empty text is one empty part.
+std::vector<std::string_view> SplitDataIntoParts(Log& log, std::string_view data,
+                                                 int32_t part_size);
 
 // Saves `data` as the new index 1 of the token's backups of `type` under `name`. Client and
 // administrator backups are refused while the type already holds its maximum of rows (a

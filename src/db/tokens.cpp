@@ -19,13 +19,6 @@ Statement SelectToken(std::string_view guid) {
   return sql;
 }
 
-// The element at `index` of a split; a missing one is the run-time error of an index past
-// the end of an array.
-const std::string& FieldAt(const std::vector<std::string>& fields, size_t index) {
-  if (index >= fields.size()) throw RuntimeError(kErrSubscript, "Subscript out of range");
-  return fields[index];
-}
-
 }  // namespace
 
 std::string DBSetLastTokenConnect(Database& database, std::string_view guid,
@@ -80,8 +73,8 @@ bool DBSetTokenData(Database& database, std::string_view guid, std::string_view 
                       [&](DbConnection& c, bool& result) {
                         const std::vector<std::string> fields = Split(data, "|");
                         Statement sql("UPDATE tbl_kdx_token SET token_person = '");
-                        sql.Value(FieldAt(fields, 0)).Sql("', token_description = '");
-                        sql.Value(FieldAt(fields, 1)).Sql("' WHERE token_guid = '");
+                        sql.Value(ElementAt(fields, 0)).Sql("', token_description = '");
+                        sql.Value(ElementAt(fields, 1)).Sql("' WHERE token_guid = '");
                         sql.Value(guid).Sql("'");
                         result = Execute(c, sql);
                       });

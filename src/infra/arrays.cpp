@@ -1,5 +1,7 @@
 #include "infra/arrays.h"
 
+#include "infra/runtime_error.h"
+
 namespace kalvo {
 
 std::vector<std::string> Split(std::string_view text, std::string_view separator) {
@@ -27,6 +29,11 @@ std::string Join(const std::vector<std::string>& parts, std::string_view separat
     joined += parts[i];
   }
   return joined;
+}
+
+const std::string& ElementAt(const std::vector<std::string>& parts, size_t index) {
+  if (index >= parts.size()) throw RuntimeError(kErrSubscript, "Subscript out of range");
+  return parts[index];
 }
 
 }  // namespace kalvo

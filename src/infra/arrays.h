@@ -19,6 +19,10 @@ namespace kalvo {
 // are kept: "a||b" at "|" gives "a", "", "b"; "a|" gives "a", "".
 std::vector<std::string> Split(std::string_view text, std::string_view separator);
 
+// Element `index` of a split; a missing one is the run-time error "Subscript out of range"
+// (RuntimeError 9), as indexing past the end of an array is.
+const std::string& ElementAt(const std::vector<std::string>& parts, size_t index);
+
 // The parts joined by `separator` (the inverse of Split for a non-empty result).
 std::string Join(const std::vector<std::string>& parts, std::string_view separator);
 

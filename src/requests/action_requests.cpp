@@ -8,7 +8,6 @@
 #include "infra/arrays.h"
 #include "infra/guid.h"
 #include "infra/numbers.h"
-#include "infra/runtime_error.h"
 #include "requests/backup_requests.h"
 
 namespace kalvo {
@@ -70,11 +69,6 @@ std::string BackupTaskName(const std::tm& now) {
   return std::string("Backup vom ") + date + " um " + time;
 }
 
-const std::string& Part(const std::vector<std::string>& parts, size_t k) {
-  if (k >= parts.size()) throw RuntimeError(kErrSubscript, "Subscript out of range");
-  return parts[k];
-}
-
 }  // namespace
 
 void GetActionData(Request& r) {
@@ -116,8 +110,8 @@ void TaskResult(Request& r) {
   SocketDataStruct& record = r.record();
   // Action, token, task type and time stamp of the execution.
   const std::vector<std::string> parts = Split(record.Misc3, "$");
-  r.Audit(AuditAction::kExecute, Part(parts, 0));
-  if (record.Misc1.empty() && Part(parts, 2) == kBackupTask) {
+  r.Audit(AuditAction::kExecute, ElementAt(parts, 0));
+  if (record.Misc1.empty() && ElementAt(parts, 2) == kBackupTask) {
     std::string error;
     if (!DBSetTokenBackupData(r.ctx.database, BackupMaximaFrom(r.ctx.settings), r.TokenGuid(),
                               kAutomaticBackup, BackupTaskName(r.ctx.database.Now()), record.Data,
@@ -127,7 +121,8 @@ void TaskResult(Request& r) {
     }
   }
   const bool failed = record.Misc1 == kError;
-  DBSetActionResult(r.ctx.database, Part(parts, 0), Part(parts, 1), Part(parts, 3), failed ? 1 : 0);
+  DBSetActionResult(r.ctx.database, ElementAt(parts, 0), ElementAt(parts, 1), ElementAt(parts, 3),
+                    failed ? 1 : 0);
   // After an error the client gets nothing more.
   if (failed) return;
   auto& pending = r.ctx.state.pending_task_collections;
