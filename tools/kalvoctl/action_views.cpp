@@ -140,9 +140,9 @@ bool ReadActionDraft(const JsonValue& doc, ActionDraft& d, std::string& error) {
     } else if (key == "priority") {
       ok = WholeNumber(v, d.priority);
     } else if (key == "period") {
-      const auto period = v.kind == JsonValue::Kind::kString   ? ActionPeriod(v.text)
-                          : v.kind == JsonValue::Kind::kNumber ? ActionPeriod(v.text)
-                                                               : std::nullopt;
+      const bool word_or_number =
+          v.kind == JsonValue::Kind::kString || v.kind == JsonValue::Kind::kNumber;
+      const auto period = word_or_number ? ActionPeriod(v.text) : std::nullopt;
       if (period) d.period = *period;
       ok = period.has_value();
     } else if (key == "first" || key == "last") {

@@ -144,11 +144,7 @@ int RunBackupPut(const PutOptions& o) {
   requests[1].Misc3 = Utf8ToCp1252(o.name);
   const auto answer = Ask(o.ask, std::move(requests), kStoreBackupRequest);
   if (!answer) return kExitConnection;
-  if (o.ask.json) {
-    std::cout << "{\"result\":" << JsonString(answer->Data) << "}\n";
-  } else {
-    std::cout << Cp1252ToUtf8(answer->Data) << "\n";
-  }
+  PrintResult(answer->Data, o.ask.json);
   if (answer->Data == "OK") return kExitOk;
   if (answer->Data == "TOOMUCH") {
     std::cerr << "kalvoctl: the token holds as many backups of this type as the server keeps\n";

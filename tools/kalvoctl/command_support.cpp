@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "infra/guid.h"
+#include "infra/json_text.h"
 #include "infra/text_encoding.h"
 #include "kalvoctl/client.h"
 #include "kalvoctl/commands.h"
@@ -81,6 +82,14 @@ std::optional<SocketDataStruct> Ask(const AskOptions& o, std::vector<SocketDataS
                 << ":" << o.connection.port << " within " << o.timeout << " seconds\n";
   }
   return std::nullopt;
+}
+
+void PrintResult(std::string_view result, bool json) {
+  if (json) {
+    std::cout << "{\"result\":" << JsonString(result) << "}\n";
+  } else {
+    std::cout << Cp1252ToUtf8(result) << "\n";
+  }
 }
 
 std::optional<SocketDataStruct> Ask(const AskOptions& o, SocketDataStruct request) {

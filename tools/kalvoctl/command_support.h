@@ -6,6 +6,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "infra/log.h"
@@ -62,6 +63,10 @@ extern const CLI::Validator kGuidArgument;
 // none came (exit with kExitConnection then).
 std::optional<SocketDataStruct> Ask(const AskOptions& o, std::vector<SocketDataStruct> requests,
                                     int32_t answer_id);
+// Prints the server's one-word answer (Windows-1252) to a request that changes something: the
+// word on a line, or with `json` the document {"result": word}.
+void PrintResult(std::string_view result, bool json);
+
 // The same for one request answered with its own PackageID.
 std::optional<SocketDataStruct> Ask(const AskOptions& o, SocketDataStruct request);
 

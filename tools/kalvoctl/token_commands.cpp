@@ -4,8 +4,6 @@
 #include <memory>
 #include <optional>
 
-#include "infra/guid.h"
-#include "infra/json_text.h"
 #include "infra/text_encoding.h"
 #include "kalvoctl/client.h"
 #include "kalvoctl/command_support.h"
@@ -117,11 +115,7 @@ int RunDelete(const DeleteOptions& o) {
   }
   const auto answer = Ask(o.ask, std::move(request));
   if (!answer) return kExitConnection;
-  if (o.ask.json) {
-    std::cout << "{\"result\":" << JsonString(answer->Data) << "}\n";
-  } else {
-    std::cout << Cp1252ToUtf8(answer->Data) << "\n";
-  }
+  PrintResult(answer->Data, o.ask.json);
   if (answer->Data == "OK") return kExitOk;
   std::cerr << "kalvoctl: the server did not delete the tokens\n";
   return kExitServerFailed;
