@@ -75,6 +75,12 @@ TEST_F(KalvoctlTest, ConnectionFailureExitsWithOne) {
   EXPECT_NE(run.err.find("cannot connect to 127.0.0.1:" + std::to_string(port)), std::string::npos)
       << run.err;
   EXPECT_EQ(run.out, "");
+  // The administration verbs say so too.
+  const RunResult tokens = Kalvoctl("tokens --timeout 1 --port " + std::to_string(port));
+  EXPECT_EQ(tokens.exit_code, 1);
+  EXPECT_NE(tokens.err.find("cannot connect to 127.0.0.1:" + std::to_string(port)),
+            std::string::npos)
+      << tokens.err;
 }
 
 TEST_F(KalvoctlTest, BadArgumentsExitWithTwo) {

@@ -96,6 +96,7 @@ TEST(FormatDatePattern, ReadsTheLanguageFilePatterns) {
   } cases[] = {
       {morning, "hh:nn:ss dd.mm.yyyy", "09:05:03 01.03.2027", "German files"},
       {morning, "hh:mm", "09:05", "mm after an hour is the minute"},
+      {evening, "dd.mm.yy", "31.12.27", "two-digit year"},
       {evening, "h:mm AM/PM", "9:00 PM", "12-hour clock"},
       {morning, "\"Tag\" d \\d", "Tag 1 d", "quoted and escaped literals"},
   };
