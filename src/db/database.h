@@ -20,6 +20,8 @@ struct DatabaseSettings {
   int32_t string_max_size = 0;
   std::string number_type, blob_type;
   int32_t blob_max_size = 0;
+  // Seconds a login or one statement may take (0 = no limit).
+  int32_t timeout_seconds = 15;
 };
 
 // Holds what every DB* operation needs besides its arguments. `env` and `log` must outlive

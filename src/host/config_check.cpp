@@ -38,6 +38,7 @@ int CheckConfig(const ServerOptions& options, std::ostream& out) {
   } catch (const std::exception& e) {
     read_error = e.what();
   }
+  ReadPlatformSettings(registry, s);
   auto u = [](const std::string& t) { return Cp1252ToUtf8(t); };
   out << "registry file: " << options.registry_path << "\n";
   if (!warnings.empty()) out << "registry file warnings:\n" << u(warnings);

@@ -10,8 +10,8 @@
 namespace kalvo {
 
 DatabaseSettings DatabaseSettingsFrom(const Settings& s) {
-  return {s.dsn,         s.login_user, s.login_pass,   s.string_type, s.string_max_size,
-          s.number_type, s.blob_type,  s.blob_max_size};
+  return {s.dsn,         s.login_user, s.login_pass,    s.string_type,     s.string_max_size,
+          s.number_type, s.blob_type,  s.blob_max_size, s.database_timeout};
 }
 
 std::string LogPathFrom(const ServerOptions& options) {
@@ -69,18 +69,15 @@ void Server::FormLoad() {
 
     form_unload_mode_ = 0;
     DoStartupSettings();
+    // This platform's own values are read whatever happened above, so that a bad value of
+    // the table cannot leave them (the console addresses among them) at their defaults.
+    ReadPlatformSettings(registry_, settings_);
+    for (const std::string& problem : settings_.problems) log_.WriteLog(problem);
     // Whatever was read, also when reading stopped early, is what the database and the
     // certificate library use.
     database_.set_settings(DatabaseSettingsFrom(settings_));
     certificates_ = CertificateLibrary(settings_.certificate_library);
     log_.WriteLog("DoStartupSettings completed");
-    if (settings_.max_package_size < 1) {
-      // A bound below one byte would drop every packet: the server would listen and never
-      // answer.
-      log_.WriteLog("MaxPackageSize " + std::to_string(settings_.max_package_size) +
-                    " is not usable -> assuming " + std::to_string(kDefaultMaxPackageSize));
-      settings_.max_package_size = kDefaultMaxPackageSize;
-    }
     receive_buffers_.set_max_package_size(settings_.max_package_size);
     registry_settings_ok_ = CheckRegistrySettings(settings_, log_);
     log_.WriteLog(std::string("Checking registry settings resulted ") +
@@ -90,6 +87,10 @@ void Server::FormLoad() {
     const int32_t port = ChooseServerPort(settings_, &fallback);
     if (!fallback.empty()) log_.WriteLog(fallback);
     std::string error;
+    if (port < 1 || port > 65535) {
+      throw RuntimeError(kErrInvalidCall,
+                         "ServerLocalPort " + std::to_string(port) + " is no TCP port");
+    }
     if (!connections_.Listen(static_cast<uint16_t>(port), &error, options_.listen_address)) {
       throw RuntimeError(10048, "Address in use or not available: port " + std::to_string(port) +
                                     " (" + error + ")");

@@ -1,16 +1,19 @@
 #include "infra/registry_value.h"
 
 #include "infra/numbers.h"
+#include "infra/runtime_error.h"
 
 namespace kalvo {
 
 int32_t RegistryValue::ToLong() const {
   if (const auto* n = std::get_if<int32_t>(&value_)) return *n;
   if (const auto* s = std::get_if<std::string>(&value_)) {
-    // Blanks around the number are tolerated, as a numeric conversion of a text does.
-    const auto v = WholeNumberText(*s);
-    if (!v || *v < INT32_MIN || *v > INT32_MAX) return 0;
-    return static_cast<int32_t>(*v);
+    // The numeric conversion every setting goes through ("1.5" gives 2); 0 when it fails.
+    try {
+      return NumericTextToInt32(*s);
+    } catch (const RuntimeError&) {
+      return 0;
+    }
   }
   return 0;
 }

@@ -31,7 +31,8 @@ class RegistryValue {
   bool IsText() const { return std::holds_alternative<std::string>(value_); }
   bool IsTable() const { return std::holds_alternative<RegistryTable>(value_); }
 
-  // The number, or the text converted as a whole decimal number; 0 where that fails.
+  // The number, or the text converted as a number is (rounded half to even: "1.5" gives 2);
+  // 0 where that fails.
   int32_t ToLong() const;
   // The text, or the number as decimal text; "" for empty and tables.
   std::string ToText() const;

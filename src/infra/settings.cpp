@@ -1,8 +1,7 @@
 #include "infra/settings.h"
 
 #include <cctype>
-#include <cmath>
-#include <cstdlib>
+#include <optional>
 
 #include "infra/log.h"
 #include "infra/numbers.h"
@@ -28,6 +27,16 @@ bool ToBool(const RegistryValue& value) {
   if (text == "true") return true;
   if (text == "false") return false;
   return ToInt32(value) != 0;
+}
+
+// The port setting as a 32-bit number, converted as every other number setting is ("1.5"
+// gives 2); nothing when it is not a number or does not fit.
+std::optional<int32_t> PortNumber(const std::string& text) {
+  try {
+    return NumericTextToInt32(text);
+  } catch (const RuntimeError&) {
+    return std::nullopt;
+  }
 }
 
 }  // namespace
@@ -69,20 +78,49 @@ void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& s
   s.audit_is_save_max_days = boolean("KDX", "AuditIsSaveMaxDays", false);
   s.audit_save_max_days = number("KDX", "AuditSaveMaxDays", 365);
   s.server_local_port = read("KDX", "ServerLocalPort", "0").ToText();
-  s.max_package_size = number("KDX", "MaxPackageSize", kDefaultMaxPackageSize);
-  s.status_port = number("KDX", "StatusPort", kDefaultStatusPort);
-  s.certificate_library = read("KDX", "CertificateLibrary", "../libbrennic.so").ToText();
   s.tray_enabled =
       ToBool(RegistryRead(registry, "HKEY_LOCAL_MACHINE:System", "CurrentControlSet\\Services",
                           "KalvoSrv\\Parameters", "Taskbaricon", "1"));
+}
+
+void ReadPlatformSettings(RegistryStore& registry, Settings& s) {
+  s.problems.clear();
+  auto read = [&](std::string_view sub_key, std::string_view name, const RegistryValue& def) {
+    return RegistryRead(registry, kSettingsRoot, kSettingsKey, sub_key, name, def);
+  };
+  // A number of at least `least`; anything else keeps the default and is reported.
+  auto number = [&](std::string_view sub_key, std::string_view name, int32_t def, int32_t least,
+                    int32_t& out) {
+    const RegistryValue value = read(sub_key, name, def);
+    try {
+      const int32_t n = ToInt32(value);
+      if (n >= least) {
+        out = n;
+        return;
+      }
+    } catch (const RuntimeError&) {
+      // Not a number, or beyond 32 bits: reported below.
+    }
+    out = def;
+    s.problems.push_back(std::string(sub_key) + "\\" + std::string(name) + " = \"" +
+                         value.ToText() + "\" is not a whole number of at least " +
+                         std::to_string(least) + "; using " + std::to_string(def));
+  };
+  number("KDX", "MaxPackageSize", kDefaultMaxPackageSize, 1, s.max_package_size);
+  number("KDX", "MaxSendQueue", kDefaultMaxSendQueue, 1, s.max_send_queue);
+  number("KDX", "MaxBufferedBytes", kDefaultMaxBufferedBytes, 1, s.max_buffered_bytes);
+  number("KDX", "StatusPort", kDefaultStatusPort, 0, s.status_port);
+  s.certificate_library = read("KDX", "CertificateLibrary", "../libbrennic.so").ToText();
+  s.admin_allowed_addresses = read("KDX", "AdminAllowedAddresses", "").ToText();
+  number("KDX\\DB", "DatabaseTimeout", kDefaultDatabaseTimeout, 1, s.database_timeout);
 }
 
 bool CheckRegistrySettings(const Settings& s, Log& log, std::string* failure) {
   const std::string db = "Der Datenbankzugriff ist nicht korrekt eingerichtet! ";
   const std::string& port = s.server_local_port;
   auto port_in_range = [&] {
-    const double value = std::strtod(port.c_str(), nullptr);
-    return value >= 1025 && value <= 65535;
+    const std::optional<int32_t> value = PortNumber(port);
+    return value && *value >= 1025 && *value <= 65535;
   };
   // The sizes are held as numbers, so they need no "numeric" check: a non-numeric stored
   // value already ended the reading of the settings.
@@ -116,18 +154,14 @@ bool CheckRegistrySettings(const Settings& s, Log& log, std::string* failure) {
 int32_t ChooseServerPort(const Settings& s, std::string* reason) {
   std::string why;
   int32_t port = kDefaultServerPort;
-  int32_t value = -1;
-  try {
-    value = NumericTextToInt32(s.server_local_port);
-  } catch (const RuntimeError&) {
-    // Not a number, or far out of range: invalid.
-  }
-  if (value == 0) {
-    why = "ServerLocalPort not found in registry -> assuming default port 15243";
-  } else if (value > 0 && value <= 65535) {
-    port = value;
-  } else {
+  const std::optional<int32_t> value = PortNumber(s.server_local_port);
+  if (!value) {
     why = "ServerLocalPort invalid -> assuming default port 15243";
+  } else if (*value == 0) {
+    why = "ServerLocalPort not found in registry -> assuming default port 15243";
+  } else {
+    // Any other number is used as it is, also one the range check complained about.
+    port = *value;
   }
   if (reason != nullptr) *reason = why;
   return port;

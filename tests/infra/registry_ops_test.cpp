@@ -270,6 +270,9 @@ TEST(RegistrySupport, FindNthDropLeftCutAtNullAndToLong) {
   EXPECT_EQ(ToLong(RegistryValue("4x")), 0);
   EXPECT_EQ(ToLong(RegistryValue("+-5")), 0);  // one sign only
   EXPECT_EQ(ToLong(RegistryValue("+7")), 7);
+  // Converted as every number setting is: rounded half to even.
+  EXPECT_EQ(ToLong(RegistryValue("1.5")), 2);
+  EXPECT_EQ(ToLong(RegistryValue("2.5")), 2);
   EXPECT_EQ(ToLong(RegistryValue(-3)), -3);
   EXPECT_EQ(NormalizeKeyPath("HKCR:.pdf/x"), "HKCR\\.pdf\\x");
 }

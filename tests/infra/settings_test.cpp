@@ -42,7 +42,8 @@ class SettingsTest : public ::testing::Test {
   // Reads the settings, runs the checks and gives the check result; the log's text is kept.
   bool ReadAndCheck(Settings& s) {
     RegistryStore registry((dir_ / "registry.reg").string());
-    ReadSettings(registry, [](std::string_view c) { return "plain:" + std::string(c); }, s);
+    ReadSettings(
+        registry, [](std::string_view c) { return "plain:" + std::string(c); }, s);
     Log log(registry, (dir_ / "kalvosrv.log").string());
     return CheckRegistrySettings(s, log);
   }
@@ -76,7 +77,8 @@ TEST_F(SettingsTest, NoValuesGiveDefaultsAndTheRangeMessageWithZero) {
   EXPECT_EQ(s.status_port, 15244);
   EXPECT_TRUE(s.tray_enabled);
   // UTF-8 in the file: the German text is converted at the edge.
-  EXPECT_NE(LogText().find("Der zu verwendende Port des KDX liegt au\xC3\x9F" "erhalb des "
+  EXPECT_NE(LogText().find("Der zu verwendende Port des KDX liegt au\xC3\x9F"
+                           "erhalb des "
                            "g\xC3\xBCltigen Bereichs von 1025 bis 65535 (aktuell: 0)! - Es wird "
                            "der Standard-Port 15243 verwendet!"),
             std::string::npos)
@@ -120,8 +122,10 @@ TEST_F(SettingsTest, FirstDatabaseProblemIsLoggedWithItsOwnWording) {
       {"\"DSN\"=\"x\"", "(DBStringType leer)"},
       // The misspelt name is what the consoles' documentation shows.
       {"\"DSN\"=\"x\"\r\n\"StringType\"=\"VARCHAR\"", "(DBStrinMaxSize = 0)"},
-      {"\"DSN\"=\"x\"\r\n\"StringType\"=\"V\"\r\n\"StringMaxSize\"=dword:00000001", "(DBBLOBType leer)"},
-      {"\"DSN\"=\"x\"\r\n\"StringType\"=\"V\"\r\n\"StringMaxSize\"=dword:00000001\r\n\"BLOBType\"=\"B\"",
+      {"\"DSN\"=\"x\"\r\n\"StringType\"=\"V\"\r\n\"StringMaxSize\"=dword:00000001",
+       "(DBBLOBType leer)"},
+      {"\"DSN\"=\"x\"\r\n\"StringType\"=\"V\"\r\n\"StringMaxSize\"=dword:00000001\r\n\"BLOBType\"="
+       "\"B\"",
        "(DBBLOBMaxSize = 0)"},
   };
   for (const auto& c : cases) {
@@ -160,14 +164,47 @@ TEST_F(SettingsTest, UnconvertibleNumberEndsReadingButKeepsWhatCameBefore) {
   RegistryStore registry((dir_ / "registry.reg").string());
   Settings s;
   try {
-    ReadSettings(registry, [](std::string_view c) { return std::string(c); }, s);
+    ReadSettings(
+        registry, [](std::string_view c) { return std::string(c); }, s);
     FAIL() << "expected a type mismatch";
   } catch (const RuntimeError& e) {
     EXPECT_EQ(e.number(), kErrTypeMismatch);
   }
   EXPECT_EQ(s.dsn, "kalvo");
-  EXPECT_EQ(s.blob_type, "");                 // after the failure: default
+  EXPECT_EQ(s.blob_type, "");                  // after the failure: default
   EXPECT_EQ(s.audit_display_max_count, 1000);  // also after it
+}
+
+// The platform's values come after the table's and are read on their own: a bad value of
+// the table (here StringMaxSize) or of their own cannot leave the others at their defaults.
+TEST_F(SettingsTest, PlatformValuesAreReadWhateverFailsAndBadOnesAreNamed) {
+  WriteRegistry(
+      "\"MaxPackageSize\"=\"big\"\r\n\"MaxSendQueue\"=dword:00000000\r\n"
+      "\"AdminAllowedAddresses\"=\"10.0.0.0/8\"\r\n\"MaxBufferedBytes\"=\"1000.5\"\r\n"
+      "\"StatusPort\"=dword:00000000",
+      "\"StringMaxSize\"=\"many\"\r\n\"DatabaseTimeout\"=\"3\"");
+  RegistryStore registry((dir_ / "registry.reg").string());
+  Settings s;
+  EXPECT_THROW(ReadSettings(
+                   registry, [](std::string_view c) { return std::string(c); }, s),
+               RuntimeError);
+  ReadPlatformSettings(registry, s);
+  EXPECT_EQ(s.admin_allowed_addresses, "10.0.0.0/8");
+  EXPECT_EQ(s.database_timeout, 3);
+  EXPECT_EQ(s.max_buffered_bytes, 1000);  // rounded half to even
+  EXPECT_EQ(s.status_port, 0);            // 0 switches the status endpoint off: allowed
+  EXPECT_EQ(s.max_package_size, kDefaultMaxPackageSize);
+  EXPECT_EQ(s.max_send_queue, kDefaultMaxSendQueue);
+  ASSERT_EQ(s.problems.size(), 2u);
+  EXPECT_EQ(s.problems[0],
+            "KDX\\MaxPackageSize = \"big\" is not a whole number of at least 1; "
+            "using 67108864");
+  EXPECT_EQ(s.problems[1],
+            "KDX\\MaxSendQueue = \"0\" is not a whole number of at least 1; "
+            "using 8388608");
+  // A second reading starts a new list.
+  ReadPlatformSettings(registry, s);
+  EXPECT_EQ(s.problems.size(), 2u);
 }
 
 TEST(IsNumericText, AcceptsWhatANumericConversionAccepts) {
@@ -175,8 +212,8 @@ TEST(IsNumericText, AcceptsWhatANumericConversionAccepts) {
     const char* text;
     bool numeric;
   } cases[] = {
-      {"0", true},   {" 15243 ", true}, {"-1", true},  {"1.5", true}, {"1e3", true},
-      {"", false},   {"abc", false},    {"12a", false}, {"1e", false}, {".", false},
+      {"0", true}, {" 15243 ", true}, {"-1", true},   {"1.5", true}, {"1e3", true},
+      {"", false}, {"abc", false},    {"12a", false}, {"1e", false}, {".", false},
   };
   for (const auto& c : cases) EXPECT_EQ(IsNumericText(c.text), c.numeric) << c.text;
 }
@@ -194,11 +231,14 @@ TEST(ChooseServerPortTest, UsesEveryValueTheCheckCallsANumber) {
     const char* reason;
   } cases[] = {
       {"0", 15243, "ServerLocalPort not found in registry -> assuming default port 15243"},
-      {" 8080 ", 8080, ""},   // blanks, as the numeric check allows
-      {"8080.0", 8080, ""},   // a decimal that is a whole number
-      {"80", 80, ""},         // outside the checked range, still used
+      {" 8080 ", 8080, ""},  // blanks, as the numeric check allows
+      {"8080.0", 8080, ""},  // a decimal that is a whole number
+      {"80", 80, ""},        // outside the checked range, still used
+      {"1.5", 2, ""},        // rounded as every number setting is
+      {"70000", 70000, ""},  // a number: used, and the listen fails on it
+      {"-5", -5, ""},
       {"abc", 15243, "ServerLocalPort invalid -> assuming default port 15243"},
-      {"70000", 15243, "ServerLocalPort invalid -> assuming default port 15243"},
+      {"99999999999", 15243, "ServerLocalPort invalid -> assuming default port 15243"},
       {"nan", 15243, "ServerLocalPort invalid -> assuming default port 15243"},
   };
   for (const auto& c : cases) {
