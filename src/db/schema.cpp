@@ -284,6 +284,7 @@ int32_t DBConfigDatabase(Database& database, std::string_view parameters, int32_
     s.number_type = fields[5];
     s.blob_type = fields[6];
     s.blob_max_size = NumericTextToInt32(fields[7]);
+    s.timeout_seconds = database.settings().timeout_seconds;  // not part of the configuration
 
     DbConnection connection(database);
     if (!DBConnect(connection, s.dsn, s.user, s.password)) {

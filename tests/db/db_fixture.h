@@ -101,7 +101,8 @@ class SharedDatabases {
 };
 
 // Tables that tests create besides the server's own; dropped before every test.
-inline constexpr const char* kScratchTables[] = {"t_text", "t_blob", "t_num"};
+inline constexpr const char* kScratchTables[] = {"t_text", "t_blob", "t_num", "tbl_kdx_tmp_test_2",
+                                                 "tbl_kdx_tmp_test_1"};
 
 class DbTest : public ::testing::TestWithParam<Engine> {
  protected:
