@@ -35,7 +35,7 @@ Server::Server(boost::asio::io_context& io, ServerOptions options)
                                  [this](std::string_view section, std::string_view key) {
                                    return language_.GetLanguageString(section, key);
                                  },
-                                 certificates_}),
+                                 certificates_, registry_}),
       status_(io, log_, [this] { return Snapshot(); }) {
   registry_.SetWarningSink([this](const std::string& line) { log_.WriteLog(line); });
   log_.WriteLog("Form_Initialize...");
@@ -73,6 +73,10 @@ void Server::FormLoad() {
     // the table cannot leave them (the console addresses among them) at their defaults.
     ReadPlatformSettings(registry_, settings_);
     for (const std::string& problem : settings_.problems) log_.WriteLog(problem);
+    std::vector<std::string> address_problems;
+    state_.console_addresses =
+        AddressFilter::Parse(settings_.admin_allowed_addresses, &address_problems);
+    for (const std::string& problem : address_problems) log_.WriteLog(problem);
     // Whatever was read, also when reading stopped early, is what the database and the
     // certificate library use.
     database_.set_settings(DatabaseSettingsFrom(settings_));

@@ -11,24 +11,6 @@
 namespace kalvo {
 namespace {
 
-// A number as a conversion to a 32-bit integer does it: numbers pass, numeric texts are
-// rounded, anything else is a type mismatch.
-int32_t ToInt32(const RegistryValue& value) {
-  if (value.IsNumber()) return value.ToLong();
-  return NumericTextToInt32(value.ToText());
-}
-
-// A Boolean as a conversion does it: numbers are true when not 0; the texts "True" and
-// "False" in any case; numeric texts as numbers.
-bool ToBool(const RegistryValue& value) {
-  if (value.IsNumber()) return value.ToLong() != 0;
-  std::string text = value.ToText();
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (text == "true") return true;
-  if (text == "false") return false;
-  return ToInt32(value) != 0;
-}
-
 // The port setting as a 32-bit number, converted as every other number setting is ("1.5"
 // gives 2); nothing when it is not a number or does not fit.
 std::optional<int32_t> PortNumber(const std::string& text) {
@@ -41,6 +23,20 @@ std::optional<int32_t> PortNumber(const std::string& text) {
 
 }  // namespace
 
+int32_t SettingNumber(const RegistryValue& value) {
+  if (value.IsNumber()) return value.ToLong();
+  return NumericTextToInt32(value.ToText());
+}
+
+bool SettingBoolean(const RegistryValue& value) {
+  if (value.IsNumber()) return value.ToLong() != 0;
+  std::string text = value.ToText();
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (text == "true") return true;
+  if (text == "false") return false;
+  return SettingNumber(value) != 0;
+}
+
 void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& s) {
   auto read = [&](std::string_view sub_key, std::string_view name, const RegistryValue& def) {
     return RegistryRead(registry, kSettingsRoot, kSettingsKey, sub_key, name, def);
@@ -49,10 +45,10 @@ void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& s
     return read(sub_key, name, "").ToText();
   };
   auto number = [&](std::string_view sub_key, std::string_view name, int32_t def) {
-    return ToInt32(read(sub_key, name, def));
+    return SettingNumber(read(sub_key, name, def));
   };
   auto boolean = [&](std::string_view sub_key, std::string_view name, bool def) {
-    return ToBool(read(sub_key, name, def ? -1 : 0));
+    return SettingBoolean(read(sub_key, name, def ? -1 : 0));
   };
 
   s.dsn = text("KDX\\DB", "DSN");
@@ -78,9 +74,9 @@ void ReadSettings(RegistryStore& registry, const Decipher& decipher, Settings& s
   s.audit_is_save_max_days = boolean("KDX", "AuditIsSaveMaxDays", false);
   s.audit_save_max_days = number("KDX", "AuditSaveMaxDays", 365);
   s.server_local_port = read("KDX", "ServerLocalPort", "0").ToText();
-  s.tray_enabled =
-      ToBool(RegistryRead(registry, "HKEY_LOCAL_MACHINE:System", "CurrentControlSet\\Services",
-                          "KalvoSrv\\Parameters", "Taskbaricon", "1"));
+  s.tray_enabled = SettingBoolean(RegistryRead(registry, "HKEY_LOCAL_MACHINE:System",
+                                               "CurrentControlSet\\Services",
+                                               "KalvoSrv\\Parameters", "Taskbaricon", "1"));
 }
 
 void ReadPlatformSettings(RegistryStore& registry, Settings& s) {
@@ -93,7 +89,7 @@ void ReadPlatformSettings(RegistryStore& registry, Settings& s) {
                     int32_t& out) {
     const RegistryValue value = read(sub_key, name, def);
     try {
-      const int32_t n = ToInt32(value);
+      const int32_t n = SettingNumber(value);
       if (n >= least) {
         out = n;
         return;

@@ -9,6 +9,7 @@
 
 #include "infra/numbers.h"  // IsNumericText, used by the checks
 #include "infra/registry_store.h"
+#include "infra/registry_value.h"
 
 namespace kalvo {
 
@@ -78,6 +79,14 @@ struct Settings {
 
 // Deciphers a stored credential (LoginUser, LoginPass).
 using Decipher = std::function<std::string(std::string_view cipher_text)>;
+
+// A value as a conversion to a 32-bit integer does it: numbers pass, numeric texts are
+// rounded half to even; anything else throws RuntimeError 13 (type mismatch), a number
+// beyond 32 bits RuntimeError 6.
+int32_t SettingNumber(const RegistryValue& value);
+// A value as a conversion to a Boolean does it: numbers are true when not 0; the texts
+// "True" and "False" in any case; numeric texts as numbers; anything else throws as above.
+bool SettingBoolean(const RegistryValue& value);
 
 // Reads every setting in table order into `settings`. A value of the wrong type that cannot
 // be converted (a text where a number is expected) throws RuntimeError 13 ("Type

@@ -1,6 +1,8 @@
 #include "requests/inventory_requests.h"
 
 #include "db/inventory.h"
+#include "infra/arrays.h"
+#include "security/encryption.h"
 
 namespace kalvo {
 
@@ -11,6 +13,36 @@ void GroupNames(Request& r) {
 
 void TokenPersons(Request& r) {
   r.SetReply(304, DBGetColumnData(r.ctx.database, "tbl_kdx_token", "token_person", "|", true));
+  r.Reply();
+}
+
+void ListDatabases(Request& r) {
+  r.SetReply(312, DBGetDatabases(r.ctx.database, "|"));
+  r.Reply();
+}
+
+// The test of a configuration the console is about to use: DSN | encrypted user | encrypted
+// password | StringType | StringMaxSize | NumberType | BLOBType. The answer is the report
+// of the test's steps and whether its tables could be removed again.
+void TestDatabase(Request& r) {
+  const std::vector<std::string> f = Split(r.record().Data, "|");
+  std::string result;
+  if (f.size() < 7) {
+    result = "unzureichende Konfigurationseinstellungen erhalten";
+  } else {
+    const auto decrypt = [](std::string_view c) { return DecryptText(c, VersionInfoKeyText()); };
+    result = DBCheckDatabase(r.ctx.database, f, decrypt) + "\r\n";
+    result += DBCleanupCheckDatabase(r.ctx.database, f[0], decrypt(f[1]), decrypt(f[2]))
+                  ? "Das Entfernen der angelegten Tabellen war erfolgreich!"
+                  : "Das Entfernen der angelegten Tabellen war nicht erfolgreich!";
+  }
+  r.SetReply(313, std::move(result));
+  r.Reply();
+}
+
+void RunSql(Request& r) {
+  const int32_t id = r.record().PackageID;
+  r.SetReply(id, DBGetSQLResults(r.ctx.database, r.record().Data, "", "$", "|"));
   r.Reply();
 }
 

@@ -4,6 +4,7 @@
 #include "db/database.h"
 #include "db/schema.h"
 #include "infra/log.h"
+#include "infra/registry_store.h"
 #include "infra/settings.h"
 #include "net/peer_table.h"
 #include "requests/server_state.h"
@@ -21,6 +22,8 @@ struct RequestContext {
   // Texts of the server's language file (GENERAL/YES and NO in the token list).
   LanguageLookup language;
   CertificateLibrary& certificates;
+  // The registry the settings came from; the configuration requests write to it.
+  RegistryStore& registry;
 };
 
 }  // namespace kalvo

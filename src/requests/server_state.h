@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "net/address_filter.h"
 #include "net/packet.h"
 
 namespace kalvo {
@@ -36,6 +37,8 @@ struct ServerState {
   std::map<std::string, std::vector<std::string>> pending_task_collections;
   bool admin_login_flag = false;
   std::map<int32_t, uint64_t> requests_by_package_id;
+  // The addresses whose console requests are served (AdminAllowedAddresses).
+  AddressFilter console_addresses;
 };
 
 }  // namespace kalvo

@@ -3,6 +3,9 @@
 // packets one by one.
 #pragma once
 
+#include <unistd.h>
+
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -73,7 +76,12 @@ class HandlersTest : public DomainDbTest {
                        [](std::string_view, std::string_view key) {
                          return std::string(key == "YES" ? "Ja" : "Nein");
                        },
-                       certificates_});
+                       certificates_, registry_});
+  }
+
+  void TearDown() override {
+    std::filesystem::remove(registry_path_);
+    DomainDbTest::TearDown();
   }
 
   // Handles `packet` as if it came from connection `index`; gives what was sent meanwhile.
@@ -97,6 +105,17 @@ class HandlersTest : public DomainDbTest {
 
   ServerState state_;
   RecordingPeers peers_{SharedDatabases::Get().log()};
+  // A registry file of this test alone; it does not exist until a test writes it.
+  const std::string registry_path_ = [] {
+    std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    for (char& c : name) {
+      if (c == '/') c = '_';  // parameterised tests are named "Test/0"
+    }
+    return (std::filesystem::temp_directory_path() /
+            ("kalvo_handlers_" + std::to_string(::getpid()) + "_" + name + ".reg"))
+        .string();
+  }();
+  RegistryStore registry_{registry_path_};
   kalvo::Settings settings_;
   CertificateLibrary certificates_{KALVO_STAND_IN_CERT_LIB};
   std::unique_ptr<Dispatcher> dispatcher_;

@@ -182,7 +182,7 @@ TEST_P(HandlersTest, CertificatesAreMadeStoredAndReadBackSilently) {
 TEST_P(HandlersTest, AMissingCertificateLibraryEndsTheRequestWithoutAnswer) {
   CertificateLibrary missing("/nonexistent/libcert.so");
   Dispatcher dispatcher(RequestContext{state_, peers_, SharedDatabases::Get().log(), settings_,
-                                       db(), nullptr, missing});
+                                       db(), nullptr, missing, registry_});
   std::string fields(6, '\0');
   state_.current = Packet(601, fields, kAnna);
   peers_.sent.clear();
