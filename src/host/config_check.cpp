@@ -1,14 +1,26 @@
 #include "host/config_check.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <istream>
 #include <ostream>
 
+#include "db/data_sources.h"
 #include "db/odbc_handles.h"
 #include "db/schema.h"
+#include "infra/language.h"
 #include "infra/log.h"
+#include "infra/registry.h"
 #include "infra/runtime_error.h"
 #include "infra/text_encoding.h"
+#include "infra/unique_fd.h"
 #include "infra/version.h"
+#include "net/address_filter.h"
 #include "security/encryption.h"
 
 namespace kalvo {
@@ -22,77 +34,302 @@ std::string ReadLine(std::istream& in) {
 }
 
 const char* YesNo(bool b) { return b ? "True" : "False"; }
+std::string U(const std::string& text) { return Cp1252ToUtf8(text); }
+
+// Everything a check reads: the registry, the log (the database operations write to it) and
+// the settings as start-up reads them.
+struct Loaded {
+  explicit Loaded(const ServerOptions& options)
+      : registry(options.registry_path), log(registry, LogPathFrom(options)) {
+    registry.SetWarningSink([this](const std::string& w) { warnings.push_back(w); });
+    try {
+      ReadSettings(registry, SettingsDecipher(), settings);
+    } catch (const std::exception& e) {
+      read_error = e.what();
+    }
+    ReadPlatformSettings(registry, settings);
+  }
+  std::string RawSetting(std::string_view name) {
+    return RegistryRead(registry, kSettingsRoot, kSettingsKey, "KDX\\DB", name, "").ToText();
+  }
+
+  RegistryStore registry;
+  Log log;
+  Settings settings;
+  std::string read_error;
+  std::vector<std::string> warnings;
+};
+
+// Whether the registry file can be read: "" when it can, else the problem.
+std::string RegistryFileProblem(const std::string& path) {
+  std::error_code ec;
+  if (!std::filesystem::exists(path, ec)) {
+    return "the registry file " + path +
+           " does not exist: copy the example (registry.reg.example in the package's "
+           "documentation) there, or name another file with --registry or KALVOSRV_REGISTRY";
+  }
+  if (!std::filesystem::is_regular_file(path, ec) || !std::ifstream(path, std::ios::binary)) {
+    return "the registry file " + path + " cannot be read (" + std::strerror(errno) +
+           "): give the service's user read access";
+  }
+  return "";
+}
+
+// The connect's failure in the driver's words, or nothing when it connects.
+std::optional<std::string> ConnectProblem(Database& database) {
+  DbConnection c(database);
+  const DatabaseSettings& s = database.settings();
+  try {
+    c.Open(s.dsn, s.user, s.password);
+    return std::nullopt;
+  } catch (const std::exception& e) {
+    return std::string(e.what());
+  }
+}
+
+// Whether `port` can be bound on `address` now: "" when it can, else the system's reason.
+std::string BindProblem(const std::string& address, int32_t port) {
+  sockaddr_in where{};
+  where.sin_family = AF_INET;
+  where.sin_port = htons(static_cast<uint16_t>(port));
+  if (inet_pton(AF_INET, address.c_str(), &where.sin_addr) != 1) return "no IPv4 address";
+  UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (fd.get() < 0) return std::strerror(errno);
+  const int on = 1;
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&where), sizeof where) != 0) {
+    return std::strerror(errno);
+  }
+  return "";
+}
+
+void CheckDatabaseSettings(const Settings& s, std::vector<Finding>& out) {
+  auto missing = [&](bool bad, const std::string& what) {
+    if (bad) out.push_back({true, what});
+  };
+  missing(s.dsn.empty(), "KDX\\DB DSN is empty: name the ODBC data source (a section of odbc.ini)");
+  missing(s.string_type.empty(),
+          "KDX\\DB StringType is empty: set the text column type, for example VARCHAR");
+  missing(s.string_max_size == 0,
+          "KDX\\DB StringMaxSize is 0: set the length of long text columns, for example 255");
+  missing(s.blob_type.empty(),
+          "KDX\\DB BLOBType is empty: set the binary column type (BLOB, BYTEA, LONGBLOB)");
+  missing(s.blob_max_size == 0,
+          "KDX\\DB BLOBMaxSize is 0: set the size of one stored part, for example 65536");
+}
+
+void CheckPooling(OdbcEnvironment& env, const Settings& s, std::vector<Finding>& out) {
+  if (s.dsn.empty()) return;
+  const std::vector<DataSource> sources = OdbcDataSources(env);
+  const auto source = std::find_if(sources.begin(), sources.end(),
+                                   [&](const DataSource& d) { return d.name == s.dsn; });
+  if (source == sources.end()) {
+    out.push_back({true, "the data source \"" + U(s.dsn) +
+                             "\" is not defined: add it to odbc.ini (odbcinst -q -s lists "
+                             "the defined ones)"});
+    return;
+  }
+  if (!OdbcPoolingEnabled()) {
+    out.push_back({true,
+                   "ODBC connection pooling is off: every database operation would open a new "
+                   "connection. Set \"Pooling = Yes\" in the [ODBC] section of odbcinst.ini"});
+  }
+  const std::string timeout = OdbcDriverPoolTimeout(source->driver);
+  if (timeout.empty() || timeout == "0") {
+    out.push_back({true, "the driver \"" + source->driver +
+                             "\" of the data source has no CPTimeout, so its connections are "
+                             "not pooled: add \"CPTimeout = 120\" to its section of "
+                             "odbcinst.ini"});
+  }
+}
 
 }  // namespace
 
-int CheckConfig(const ServerOptions& options, std::ostream& out) {
-  RegistryStore registry(options.registry_path);
-  std::string warnings;
-  registry.SetWarningSink([&](const std::string& w) { warnings += "  " + w + "\n"; });
-  Log log(registry, LogPathFrom(options));
-  Settings s;
-  const Decipher decipher = SettingsDecipher();
-  std::string read_error;
-  try {
-    ReadSettings(registry, decipher, s);
-  } catch (const std::exception& e) {
-    read_error = e.what();
+std::vector<Finding> Preflight(const ServerOptions& options, const PreflightScope& scope) {
+  std::vector<Finding> out;
+  if (std::string problem = RegistryFileProblem(options.registry_path); !problem.empty()) {
+    // Without the file every other check would only report defaults.
+    out.push_back({true, problem});
+    return out;
   }
-  ReadPlatformSettings(registry, s);
-  auto u = [](const std::string& t) { return Cp1252ToUtf8(t); };
-  out << "registry file: " << options.registry_path << "\n";
-  if (!warnings.empty()) out << "registry file warnings:\n" << u(warnings);
-  out << "log file: " << log.path() << "\n"
-      << "KDX\\DB DSN = " << u(s.dsn) << "\n"
-      << "KDX\\DB LoginUser = " << u(s.login_user) << "\n"
-      << "KDX\\DB LoginPass = " << (s.login_pass.empty() ? "(empty)" : "********") << "\n"
-      << "KDX\\DB StringType = " << u(s.string_type) << "\n"
-      << "KDX\\DB StringMaxSize = " << s.string_max_size << "\n"
-      << "KDX\\DB NumberType = " << u(s.number_type) << "\n"
-      << "KDX\\DB BLOBType = " << u(s.blob_type) << "\n"
-      << "KDX\\DB BLOBMaxSize = " << s.blob_max_size << "\n"
-      << "KDX\\Backup Automatic = " << s.backup_automatic << "\n"
-      << "KDX\\Backup Admin = " << s.backup_admin << "\n"
-      << "KDX\\Backup Client = " << s.backup_client << "\n"
-      << "KDX\\Action DeleteAfterComplete = " << YesNo(s.delete_after_complete) << "\n"
-      << "KDX\\Log LogAdmin = " << s.log_admin << "\n"
-      << "KDX\\Log LogServer = " << s.log_server << "\n"
-      << "KDX\\Log LogClient = " << s.log_client << "\n"
-      << "KDX AuditIsActive = " << YesNo(s.audit_is_active) << "\n"
-      << "KDX AuditDisplayMaxCount = " << s.audit_display_max_count << "\n"
-      << "KDX AuditIsLimited = " << YesNo(s.audit_is_limited) << "\n"
-      << "KDX AuditIsSaveMaxCount = " << YesNo(s.audit_is_save_max_count) << "\n"
-      << "KDX AuditSaveMaxCount = " << s.audit_save_max_count << "\n"
-      << "KDX AuditIsSaveMaxDays = " << YesNo(s.audit_is_save_max_days) << "\n"
-      << "KDX AuditSaveMaxDays = " << s.audit_save_max_days << "\n"
-      << "KDX ServerLocalPort = " << u(s.server_local_port) << "\n"
-      << "KDX MaxPackageSize = " << s.max_package_size << "\n"
-      << "KDX StatusPort = " << s.status_port << "\n"
-      << "KDX CertificateLibrary = " << u(s.certificate_library) << "\n"
-      << "Taskbaricon = " << YesNo(s.tray_enabled) << "\n";
+  Loaded loaded(options);
+  const Settings& s = loaded.settings;
+  for (const std::string& w : loaded.warnings) {
+    out.push_back({false, "registry file: " + U(w)});
+  }
+  Language language(options.program, options.language_id);
+  if (!language.LanguageFileExists()) {
+    out.push_back({true, "the language file " + language.LanguageFileFor(options.language_id) +
+                             " (or its English fallback) is missing: the server ends at "
+                             "start-up without it; reinstall the package"});
+  }
+  if (!loaded.read_error.empty()) {
+    out.push_back({true, "a setting could not be converted (" + loaded.read_error +
+                             "): the settings after it in the table keep their defaults; "
+                             "correct its type in the registry file"});
+  }
+  for (const std::string& p : s.problems) out.push_back({false, U(p)});
+  CheckDatabaseSettings(s, out);
+  for (const char* name : {"LoginUser", "LoginPass"}) {
+    const std::string stored = loaded.RawSetting(name);
+    if (!stored.empty() && !IsCipherText(stored)) {
+      out.push_back({true, std::string("KDX\\DB ") + name +
+                               " is not cipher text: store the output of \"kalvosrv "
+                               "--encrypt\" (it reads the plain text from standard input)"});
+    }
+  }
   std::string reason;
   const int32_t port = ChooseServerPort(s, &reason);
-  out << "listening port: " << port << (reason.empty() ? "" : " (" + reason + ")") << "\n";
-  if (!read_error.empty()) {
-    out << "FAILED: a setting could not be converted (" << read_error
-        << "); the settings after it keep their defaults\n";
+  if (!reason.empty()) out.push_back({false, reason});
+  if (port < 1 || port > 65535) {
+    out.push_back({true, "KDX ServerLocalPort " + std::to_string(port) +
+                             " is no TCP port: set a port from 1025 to 65535"});
+  } else if (port < 1025) {
+    out.push_back({false, "KDX ServerLocalPort " + std::to_string(port) +
+                              " lies below 1025: it is used, but the service needs the "
+                              "capability to bind it"});
+  }
+  std::vector<std::string> address_problems;
+  AddressFilter::Parse(s.admin_allowed_addresses, &address_problems);
+  for (const std::string& p : address_problems) {
+    out.push_back({true, p + ": correct KDX AdminAllowedAddresses"});
+  }
+  if (s.admin_allowed_addresses.find_first_not_of(" \t") == std::string::npos) {
+    out.push_back({false,
+                   "KDX AdminAllowedAddresses is empty: every address may send console "
+                   "requests, including 701 (any SQL); list the consoles' addresses or ranges"});
+  }
+  OdbcEnvironment env;
+  CheckPooling(env, s, out);
+  if (scope.database && !s.dsn.empty()) {
+    Database database(env, loaded.log, DatabaseSettingsFrom(s));
+    if (std::optional<std::string> problem = ConnectProblem(database)) {
+      out.push_back({true, "the database cannot be reached: " + U(*problem) +
+                               " - check DSN, LoginUser and LoginPass under KDX\\DB and that "
+                               "the database server runs"});
+    } else if (const TableState state = DBIsDatabaseUpToDate(database);
+               state != TableState::kUpToDate) {
+      out.push_back({true, "the database's tables are not complete (" +
+                               std::string(TableStateName(state)) +
+                               "): run \"kalvosrv --init-database\" on an empty database, or "
+                               "\"kalvosrv --upgrade-database\" on one made by an older version"});
+    }
+  }
+  if (scope.port && port >= 1 && port <= 65535) {
+    if (std::string problem = BindProblem(options.listen_address, port); !problem.empty()) {
+      out.push_back({true, "port " + std::to_string(port) + " on " + options.listen_address +
+                               " cannot be bound (" + problem +
+                               "): another program (or a running kalvosrv) uses it; stop it "
+                               "or change KDX ServerLocalPort"});
+    }
+  }
+  return out;
+}
+
+int CheckConfig(const ServerOptions& options, std::ostream& out) {
+  out << "registry file: " << options.registry_path << "\n";
+  const std::vector<Finding> findings = Preflight(options, PreflightScope{});
+  if (RegistryFileProblem(options.registry_path).empty()) {
+    Loaded loaded(options);
+    const Settings& s = loaded.settings;
+    out << "log file: " << loaded.log.path() << "\n"
+        << "KDX\\DB DSN = " << U(s.dsn) << "\n"
+        << "KDX\\DB LoginUser = " << U(s.login_user) << "\n"
+        << "KDX\\DB LoginPass = " << (s.login_pass.empty() ? "(empty)" : "********") << "\n"
+        << "KDX\\DB StringType = " << U(s.string_type) << "\n"
+        << "KDX\\DB StringMaxSize = " << s.string_max_size << "\n"
+        << "KDX\\DB NumberType = " << U(s.number_type) << "\n"
+        << "KDX\\DB BLOBType = " << U(s.blob_type) << "\n"
+        << "KDX\\DB BLOBMaxSize = " << s.blob_max_size << "\n"
+        << "KDX\\DB DatabaseTimeout = " << s.database_timeout << "\n"
+        << "KDX\\Backup Automatic = " << s.backup_automatic << "\n"
+        << "KDX\\Backup Admin = " << s.backup_admin << "\n"
+        << "KDX\\Backup Client = " << s.backup_client << "\n"
+        << "KDX\\Action DeleteAfterComplete = " << YesNo(s.delete_after_complete) << "\n"
+        << "KDX\\Log LogAdmin = " << s.log_admin << "\n"
+        << "KDX\\Log LogServer = " << s.log_server << "\n"
+        << "KDX\\Log LogClient = " << s.log_client << "\n"
+        << "KDX AuditIsActive = " << YesNo(s.audit_is_active) << "\n"
+        << "KDX AuditDisplayMaxCount = " << s.audit_display_max_count << "\n"
+        << "KDX AuditIsLimited = " << YesNo(s.audit_is_limited) << "\n"
+        << "KDX AuditIsSaveMaxCount = " << YesNo(s.audit_is_save_max_count) << "\n"
+        << "KDX AuditSaveMaxCount = " << s.audit_save_max_count << "\n"
+        << "KDX AuditIsSaveMaxDays = " << YesNo(s.audit_is_save_max_days) << "\n"
+        << "KDX AuditSaveMaxDays = " << s.audit_save_max_days << "\n"
+        << "KDX ServerLocalPort = " << U(s.server_local_port) << "\n"
+        << "KDX MaxPackageSize = " << s.max_package_size << "\n"
+        << "KDX MaxSendQueue = " << s.max_send_queue << "\n"
+        << "KDX MaxBufferedBytes = " << s.max_buffered_bytes << "\n"
+        << "KDX AdminAllowedAddresses = " << U(s.admin_allowed_addresses) << "\n"
+        << "KDX StatusPort = " << s.status_port << "\n"
+        << "KDX CertificateLibrary = " << U(s.certificate_library) << "\n"
+        << "Taskbaricon = " << YesNo(s.tray_enabled) << "\n";
+  }
+  int errors = 0;
+  for (const Finding& f : findings) {
+    out << (f.error ? "ERROR: " : "WARNING: ") << f.text << "\n";
+    errors += f.error ? 1 : 0;
+  }
+  if (errors > 0) {
+    out << errors << (errors == 1 ? " problem" : " problems") << " found\n";
     return 1;
   }
-  if (!OdbcPoolingEnabled()) {
-    out << "WARNING: ODBC connection pooling is off: every database operation opens a new "
-           "connection. Set Pooling = Yes in the [ODBC] section of odbcinst.ini and a "
-           "CPTimeout in the driver's section.\n";
+  out << "configuration OK\n";
+  return 0;
+}
+
+int ConfigureDatabaseFromShell(const ServerOptions& options, bool upgrade, std::ostream& out) {
+  if (std::string problem = RegistryFileProblem(options.registry_path); !problem.empty()) {
+    out << "ERROR: " << problem << "\n";
+    return 1;
   }
-  std::string failure;
-  if (!CheckRegistrySettings(s, log, &failure)) {
-    out << "FAILED: " << u(failure) << "\n";
+  Loaded loaded(options);
+  const Settings& s = loaded.settings;
+  Language language(options.program, options.language_id);
+  if (!upgrade && !language.LanguageFileExists()) {
+    out << "ERROR: the language file " << language.LanguageFileFor(options.language_id)
+        << " is missing: it names the default group; reinstall the package\n";
     return 1;
   }
   OdbcEnvironment env;
-  const TableState state = CheckDatabaseState(env, log, DatabaseSettingsFrom(s));
+  Database database(env, loaded.log, DatabaseSettingsFrom(s));
+  ConfigDatabaseHooks hooks;
+  hooks.language = [&language](std::string_view section, std::string_view key) {
+    return language.GetLanguageString(section, key);
+  };
+  // The settings hold the credentials deciphered already: the fields go in as they are.
+  const std::string nul(1, '\0');
+  const std::string fields = s.dsn + nul + s.login_user + nul + s.login_pass + nul + s.string_type +
+                             nul + std::to_string(s.string_max_size) + nul + s.number_type + nul +
+                             s.blob_type + nul + std::to_string(s.blob_max_size) + nul +
+                             (upgrade ? "2" : "1");
+  const int32_t result = DBConfigDatabase(database, fields, upgrade ? 2 : 1, hooks);
+  std::string meaning;
+  if (result == 0) {
+    meaning = upgrade ? "the tables are upgraded" : "the tables are created";
+  } else if (result == -1) {
+    meaning = "the database cannot be reached; see the log file " + loaded.log.path();
+  } else if (result == -2 || result == -3) {
+    meaning = "the database settings under KDX\\DB are incomplete or not numbers";
+  } else if (upgrade) {
+    meaning = "a step of the upgrade failed; see the log file " + loaded.log.path();
+  } else {
+    meaning = std::to_string(result) +
+              " steps failed (a table that exists already is not created again: use "
+              "--upgrade-database on a database that has tables); see the log file " +
+              loaded.log.path();
+  }
+  out << (upgrade ? "upgrade" : "initialisation") << " of \"" << U(s.dsn) << "\": " << result
+      << " (" << meaning << ")\n";
+  if (result != 0) return 1;
+  const TableState state = DBIsDatabaseUpToDate(database);
   out << "database state: " << TableStateName(state) << " (" << static_cast<int>(state) << ")\n";
-  out << "all checks passed\n";
-  return 0;
+  if (state == TableState::kUpToDate) return 0;
+  if (upgrade) {
+    out << "an upgrade adds tables and columns but no data: use --init-database on a database "
+           "that has no tables yet\n";
+  }
+  return 1;
 }
 
 int EncryptCredential(std::istream& in, std::ostream& out) {

@@ -1,18 +1,42 @@
-// The administrator's command-line helpers: checking the configuration and enciphering the
-// database credentials for the registry file.
+// The administrator's command-line helpers: the preflight of the configuration, creating and
+// upgrading the database, and enciphering the database credentials for the registry file.
 #pragma once
 
 #include <iosfwd>
 #include <string>
+#include <vector>
 
 #include "host/server.h"
 
 namespace kalvo {
 
-// Reads every setting as start-up does, runs the start-up checks, prints the effective
-// settings (the database password masked) and the first failed check to `out`. Gives 0 when
-// every check passes, 1 otherwise.
+// One problem of the configuration, in English, with what to do about it.
+struct Finding {
+  bool error = true;  // false: a warning, which does not fail the preflight
+  std::string text;
+};
+
+// What the preflight looks at besides the files and settings.
+struct PreflightScope {
+  bool database = true;  // connect, and check that the tables are complete
+  bool port = true;      // try to bind the server port
+};
+
+// Checks the configuration `options` name: the registry file (present and readable), the
+// language file, the settings (conversions, the database settings, this platform's values,
+// AdminAllowedAddresses), the stored credentials (cipher text), ODBC pooling for the DSN's
+// driver, and as `scope` says the database (reachable, tables "UpToDate") and the port (free).
+std::vector<Finding> Preflight(const ServerOptions& options, const PreflightScope& scope);
+
+// Prints the effective settings (the database password masked) and every finding of a full
+// preflight to `out`. Gives 0 when there is no error, 1 otherwise.
 int CheckConfig(const ServerOptions& options, std::ostream& out);
+
+// Creates the tables, the default group and the lookup indexes (`upgrade` false), or adds
+// what is missing to existing tables (`upgrade` true), on the database the registry file
+// configures; prints the result code with its meaning and the database's state. Gives 0 on
+// success, 1 otherwise.
+int ConfigureDatabaseFromShell(const ServerOptions& options, bool upgrade, std::ostream& out);
 
 // Reads one line of UTF-8 text from `in` and prints its cipher text for LoginUser/LoginPass.
 int EncryptCredential(std::istream& in, std::ostream& out);

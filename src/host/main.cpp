@@ -16,7 +16,8 @@ namespace {
 constexpr const char* kDefaultRegistry = "/etc/opt/zentara/registry.reg";
 constexpr const char* kUsage =
     "usage: kalvosrv [--registry FILE] [--log-file FILE] [--listen-address IPV4] "
-    "[--foreground | --check-config | --encrypt | --decrypt | --version | --help]";
+    "[--foreground | --check-config | --init-database | --upgrade-database | --encrypt | "
+    "--decrypt | --version | --help]";
 
 std::string DefaultRegistryPath() {
   const char* env = std::getenv("KALVOSRV_REGISTRY");
@@ -39,6 +40,7 @@ int main(int argc, char** argv) {
   kalvo::ServerOptions options;
   options.registry_path = DefaultRegistryPath();
   bool foreground = false, check_config = false, encrypt = false, decrypt = false, version = false;
+  bool init_database = false, upgrade_database = false;
   app.add_option(
       "--registry", options.registry_path,
       "registry file (.reg); default $KALVOSRV_REGISTRY or " + std::string(kDefaultRegistry));
@@ -50,8 +52,16 @@ int main(int argc, char** argv) {
   app.add_flag("--foreground", foreground,
                "run in the foreground as if started by the service manager");
   app.add_flag("--check-config", check_config,
-               "read and check the settings, print them (password masked) and exit 0 when "
-               "every check passes, 1 otherwise");
+               "print the settings (password masked) and every problem of the configuration "
+               "with what to do: registry and language files, settings, credentials, ODBC "
+               "pooling, the database (reachable, tables complete) and the port; exit 0 when "
+               "there is no error, 1 otherwise");
+  app.add_flag("--init-database", init_database,
+               "create the tables, the default group and the lookup indexes on the configured "
+               "(empty) database; exit 0 when the database is then complete, 1 otherwise");
+  app.add_flag("--upgrade-database", upgrade_database,
+               "add missing tables, columns and lookup indexes to the configured database; "
+               "exit 0 when it is then complete, 1 otherwise");
   app.add_flag("--encrypt", encrypt,
                "read one line from standard input and print its cipher text for the "
                "LoginUser/LoginPass registry values");
@@ -77,6 +87,14 @@ int main(int argc, char** argv) {
   options.program = kalvo::CurrentProgram();
   options.language_id = kalvo::LanguageIdFromLocale();
   if (check_config) return kalvo::CheckConfig(options, std::cout);
+  if (init_database || upgrade_database) {
+    if (init_database && upgrade_database) {
+      std::cerr << "kalvosrv: --init-database and --upgrade-database exclude each other\n"
+                << kUsage << "\n";
+      return 2;
+    }
+    return kalvo::ConfigureDatabaseFromShell(options, upgrade_database, std::cout);
+  }
   // Started by systemd (which sets INVOCATION_ID) or explicitly in the foreground.
   const char* invocation = std::getenv("INVOCATION_ID");
   options.started_as_service = foreground || (invocation != nullptr && *invocation != '\0');

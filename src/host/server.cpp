@@ -1,6 +1,9 @@
 #include "host/server.h"
 
 #include <ctime>
+#include <filesystem>
+
+#include "host/config_check.h"
 
 #include "infra/numbers.h"
 #include "infra/runtime_error.h"
@@ -68,6 +71,15 @@ void Server::FormLoad() {
     if (stop_loading_) return;
 
     form_unload_mode_ = 0;
+    if (std::error_code ec; !std::filesystem::exists(options_.registry_path, ec)) {
+      // Without its settings the server would serve nothing but defaults.
+      std::fprintf(stderr, "kalvosrv: ERROR: the registry file %s does not exist\n",
+                   options_.registry_path.c_str());
+      log_.WriteLog("Registry file " + options_.registry_path +
+                    " not found -> loading will be stopped");
+      stop_loading_ = true;
+      return;
+    }
     DoStartupSettings();
     // This platform's own values are read whatever happened above, so that a bad value of
     // the table cannot leave them (the console addresses among them) at their defaults.
@@ -107,6 +119,11 @@ void Server::FormLoad() {
     start_time_unix_ = static_cast<int64_t>(std::time(nullptr));
     if (settings_.status_port > 0 && settings_.status_port <= 65535) {
       status_.Start(static_cast<uint16_t>(settings_.status_port));
+    }
+    // What an administrator's preflight would report goes to the journal as well (the port
+    // is this process's own by now).
+    for (const Finding& f : Preflight(options_, PreflightScope{true, false})) {
+      std::fprintf(stderr, "kalvosrv: %s: %s\n", f.error ? "ERROR" : "WARNING", f.text.c_str());
     }
     log_.WriteLog("Form_Load complete");
   } catch (...) {

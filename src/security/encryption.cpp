@@ -124,6 +124,23 @@ std::string DecryptText(std::string_view cipher, std::string_view key, Log* log)
   }
 }
 
+bool IsCipherText(std::string_view cipher) {
+  const std::string text = RemoveNuls(cipher);
+  auto hex_pairs = [](std::string_view t) {
+    return !t.empty() && t.size() % 2 == 0 &&
+           t.find_first_not_of("0123456789ABCDEFabcdef") == std::string_view::npos;
+  };
+  if (text.size() > kCheckLength) {
+    std::string_view body(text.data(), text.size() - kCheckLength);
+    const std::string_view check(text.data() + body.size(), kCheckLength);
+    if (check == HexDigits(Crc16Text(body), kCheckLength)) {
+      if (body.front() == 'L') body.remove_prefix(1);
+      return hex_pairs(body);
+    }
+  }
+  return hex_pairs(text);
+}
+
 std::string DecryptLegacyText(std::string_view cipher, Log* log) {
   try {
     std::string message = HexDecodeText(cipher);

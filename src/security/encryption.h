@@ -47,6 +47,12 @@ std::string EncryptText(std::string_view plain, std::string_view key, const Ciph
 // of the plain text are lost. Never throws: malformed input gives a garbled or empty text.
 std::string DecryptText(std::string_view cipher, std::string_view key, Log* log = nullptr);
 
+// True when `cipher` can be a value made by EncryptText (its check digits match and the rest
+// is "L" and pairs of hexadecimal digits, or only such pairs in the older byte mode) or a
+// value of the older format (pairs of hexadecimal digits only). A plain text typed into the
+// registry instead of its cipher text fails this. NUL bytes are ignored.
+bool IsCipherText(std::string_view cipher);
+
 // Decrypts a value of the older format: hexadecimal cipher bytes of three CFB-8 passes under
 // subkeys cut from a fixed pass phrase, over the plain text followed by the eight upper-case
 // hexadecimal digits of its Crc32Text and NUL padding. NULs are removed from the result; when

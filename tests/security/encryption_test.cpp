@@ -224,3 +224,30 @@ TEST_F(EncryptionTest, RandomAndMutatedInputsNeverThrow) {
 
 }  // namespace
 }  // namespace kalvo
+
+namespace kalvo {
+namespace {
+
+TEST(IsCipherText, TellsCipherTextsFromPlainTexts) {
+  const std::string key = VersionInfoKeyText();
+  for (const char* plain : {"", "admin", "p\xE4ss w|rd"}) {
+    const std::string cipher = EncryptText(plain, key);
+    EXPECT_TRUE(IsCipherText(cipher)) << cipher;
+    // One changed digit spoils the check value; what is left is no pure hexadecimal text.
+    std::string spoiled = cipher;
+    spoiled[3] = spoiled[3] == '0' ? '1' : '0';
+    EXPECT_FALSE(IsCipherText(spoiled)) << spoiled;
+  }
+  // The older byte mode (no "L") and the older format (hexadecimal pairs only).
+  const std::string body = "0A1B2C3D";
+  char check[5];
+  std::snprintf(check, sizeof check, "%04X", Crc16Text(body));
+  EXPECT_TRUE(IsCipherText(body + check));
+  EXPECT_TRUE(IsCipherText("DEADBEEF00"));
+  for (const char* plain : {"admin", "secret", "", "L", "LABC", "ABC", "0x41"}) {
+    EXPECT_FALSE(IsCipherText(plain)) << plain;
+  }
+}
+
+}  // namespace
+}  // namespace kalvo
