@@ -14,11 +14,12 @@ packages=(g++ cmake make pkg-config libboost-dev unixodbc unixodbc-dev odbcinst 
 if [ "$mode" = test ]; then
   # Tests and benchmarks, the database engines the tests start themselves (PostgreSQL, and
   # MariaDB's binaries without its system service), the desktop companion, and what makes
-  # and checks the Debian package.
+  # and checks the Debian package, and clang with its libFuzzer runtime for the fuzz targets.
   packages+=(libgtest-dev libgmock-dev libbenchmark-dev openssl libssl-dev
              odbc-postgresql postgresql mariadb-server-core mariadb-client-core odbc-mariadb
              qt6-base-dev xvfb xauth fonts-dejavu-core
-             dpkg-dev scdoc lintian groff-base systemd file)
+             dpkg-dev scdoc lintian groff-base systemd file
+             clang libclang-rt-14-dev)
 fi
 missing=()
 for p in "${packages[@]}"; do
@@ -57,4 +58,19 @@ cmake --build build-asan -j "$jobs"
 status=0
 (cd build-asan && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
 (cd build && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
+# The fuzz targets (tests/fuzz) are a clang project of their own. Each runs 60 s on a copy of
+# its seed corpus in a temporary directory, so the repository stays as it was; a crash, a
+# sanitizer report or a broken check of the target fails the run, and its input is kept
+# under build-fuzz/artifacts.
+CXX=clang++ cmake -S tests/fuzz -B build-fuzz >/dev/null
+cmake --build build-fuzz -j "$jobs" --target framing_fuzz reg_file_fuzz || status=1
+fuzz_dir=$(mktemp -d)
+mkdir -p build-fuzz/artifacts
+for target in framing reg_file; do
+  mkdir -p "$fuzz_dir/$target"
+  cp tests/fuzz/corpus/$target/* "$fuzz_dir/$target/"
+  build-fuzz/${target}_fuzz -max_total_time=60 -print_final_stats=1 \
+    -artifact_prefix="build-fuzz/artifacts/$target-" "$fuzz_dir/$target" || status=1
+done
+rm -rf "$fuzz_dir"
 exit $status

@@ -95,6 +95,7 @@ void Server::FormLoad() {
     certificates_ = CertificateLibrary(settings_.certificate_library);
     log_.WriteLog("DoStartupSettings completed");
     receive_buffers_.set_max_package_size(settings_.max_package_size);
+    receive_buffers_.set_max_buffered_bytes(settings_.max_buffered_bytes);
     registry_settings_ok_ = CheckRegistrySettings(settings_, log_);
     log_.WriteLog(std::string("Checking registry settings resulted ") +
                   (registry_settings_ok_ ? "True" : "False"));
@@ -284,6 +285,12 @@ void Server::OnDataArrival(int index, std::string_view chunk) {
       SocketClearStruct(state_.current);
       // A handler may have closed this connection.
       if (!connections_.IsLoaded(index)) break;
+    }
+    // Past MaxBufferedBytes the connection whose buffer holds the most is closed (this one
+    // or another), as any other close; its buffer is already gone, so this ends.
+    while (const int victim = receive_buffers_.DropLargestOverBound(
+               [this](int i) { return connections_.RemoteAddress(i); })) {
+      SocketClose(victim);
     }
   } catch (...) {
     LogCurrentException(log_, "Socket_DataArrival");

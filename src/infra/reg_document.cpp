@@ -58,7 +58,8 @@ std::string RegFoldName(std::string_view name) {
   return out;
 }
 
-std::string RegCanonicalKeyPath(std::string_view path) {
+std::string RegCanonicalKeyPath(std::string_view path, bool* too_large) {
+  if (too_large != nullptr) *too_large = false;
   while (path.starts_with('\\')) path.remove_prefix(1);
   while (path.ends_with('\\')) path.remove_suffix(1);
   if (path.empty() || path.find("\\\\") != std::string_view::npos) return "";
@@ -68,16 +69,39 @@ std::string RegCanonicalKeyPath(std::string_view path) {
     if (RegNamesEqual(hive_name, hive.full) || RegNamesEqual(hive_name, hive.abbreviation)) {
       std::string out(hive.full);
       if (cut != std::string_view::npos) out += path.substr(cut);
+      const size_t depth = 1 + static_cast<size_t>(std::count(out.begin(), out.end(), '\\'));
+      if (out.size() > kRegMaxKeyLength || depth > kRegMaxKeyDepth) {
+        if (too_large != nullptr) *too_large = true;
+        return "";
+      }
       return out;
     }
   }
   return "";
 }
 
+size_t RegDocument::ChildKeyHash::operator()(const ChildKey& key) const {
+  return std::hash<std::string>{}(key.name) ^ (key.parent * 0x9E3779B97F4A7C15ull);
+}
+
+size_t RegDocument::FindNode(std::string_view canonical) const {
+  if (canonical.empty()) return kNoNode;
+  ChildKey key{0, {}};
+  for (size_t start = 0;;) {
+    const size_t cut = canonical.find('\\', start);
+    key.name =
+        RegFoldName(canonical.substr(start, cut == std::string_view::npos ? cut : cut - start));
+    const auto it = children_.find(key);
+    if (it == children_.end()) return kNoNode;
+    if (cut == std::string_view::npos) return it->second;
+    key.parent = it->second;
+    start = cut + 1;
+  }
+}
+
 size_t RegDocument::FindSection(std::string_view canonical) const {
-  if (canonical.empty()) return kImplied;
-  const auto it = index_.find(RegFoldName(canonical));
-  return it == index_.end() ? kImplied : it->second;
+  const size_t node = FindNode(canonical);
+  return node == kNoNode ? kImplied : nodes_[node].section;
 }
 
 namespace {
@@ -95,19 +119,17 @@ const std::vector<RegValue>* RegDocument::FindKey(std::string_view path) const {
   const std::string folded = FoldedKeyPath(path);
   if (folded.empty()) return nullptr;
   if (folded.find('\\') == std::string::npos) return &NoValues();  // a hive
-  const auto it = index_.find(folded);
-  if (it == index_.end()) return nullptr;
-  return it->second == kImplied ? &NoValues() : &keys_[it->second].values;
+  const size_t node = FindNode(folded);
+  if (node == kNoNode) return nullptr;
+  const size_t section = nodes_[node].section;
+  return section == kImplied ? &NoValues() : &keys_[section].values;
 }
 
 bool RegDocument::KeyExists(std::string_view path) const { return FindKey(path) != nullptr; }
 
 bool RegDocument::HasSubKeys(std::string_view path) const {
-  const std::string folded = FoldedKeyPath(path);
-  if (folded.empty()) return false;
-  const std::string prefix = folded + '\\';
-  return std::any_of(index_.begin(), index_.end(),
-                     [&](const auto& entry) { return entry.first.starts_with(prefix); });
+  const size_t node = FindNode(FoldedKeyPath(path));
+  return node != kNoNode && nodes_[node].children > 0;
 }
 
 const RegValue* RegDocument::FindIn(const std::vector<RegValue>& values, std::string_view name) {
@@ -190,17 +212,27 @@ RegKey* RegDocument::SectionFor(std::string_view canonical) {
 }
 
 void RegDocument::RebuildIndex() {
-  index_.clear();
+  nodes_.assign(1, IndexNode{});
+  children_.clear();
   for (size_t i = 0; i < keys_.size(); ++i) {
     const std::string folded = RegFoldName(keys_[i].path);
-    index_[folded] = i;
-    // Every key above a section exists too; a hive always exists and is not indexed.
-    for (size_t cut = folded.rfind('\\'); cut != std::string::npos && cut > 0;
-         cut = folded.rfind('\\', cut - 1)) {
-      const std::string parent = folded.substr(0, cut);
-      if (parent.find('\\') == std::string::npos) break;
-      index_.try_emplace(parent, kImplied);
+    if (folded.empty()) continue;
+    // Every key above a section exists too: the walk down creates their nodes.
+    size_t node = 0;
+    for (size_t start = 0;;) {
+      const size_t cut = folded.find('\\', start);
+      const auto [it, added] = children_.try_emplace(
+          ChildKey{node, folded.substr(start, cut == std::string::npos ? cut : cut - start)},
+          nodes_.size());
+      if (added) {
+        ++nodes_[node].children;
+        nodes_.push_back(IndexNode{});
+      }
+      node = it->second;
+      if (cut == std::string::npos) break;
+      start = cut + 1;
     }
+    nodes_[node].section = i;
   }
 }
 

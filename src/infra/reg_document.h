@@ -45,14 +45,24 @@ std::string RegFoldName(std::string_view name);
 // Whether two names are equal after RegFoldName, without building the folded copies.
 bool RegNamesEqual(std::string_view a, std::string_view b);
 
+// The largest key path kept: levels (components, the hive counted as one) and characters of
+// its canonical form. A file's key beyond them is skipped with its values; the document
+// treats such a path as unusable.
+inline constexpr size_t kRegMaxKeyDepth = 64;
+inline constexpr size_t kRegMaxKeyLength = 1024;
+
 // Canonical form of a key path: hive name in full upper case ("HKLM" and the other usual
 // abbreviations expanded), empty leading and trailing components dropped. Gives "" when the
-// path is unusable: an unknown hive or an empty component in the middle ("A\\B").
-std::string RegCanonicalKeyPath(std::string_view path);
+// path is unusable: an unknown hive, an empty component in the middle ("A\\B"), or more than
+// kRegMaxKeyDepth levels or kRegMaxKeyLength characters; for the last two `too_large` (when
+// given) is set to true, else to false.
+std::string RegCanonicalKeyPath(std::string_view path, bool* too_large = nullptr);
 
 // A whole registry file in memory. Key paths passed in are canonicalised first; an unusable
 // path is treated as a missing key. A key exists when it has its own section, when it lies
-// above a key that has one, or when it is a hive. Not thread-safe; copyable.
+// above a key that has one, or when it is a hive. Memory and the time to build the index are
+// linear in the total length of the section paths; a lookup costs the length of its path.
+// Not thread-safe; copyable.
 class RegDocument {
  public:
   RegFormat format = RegFormat::kRegedit4;
@@ -89,16 +99,35 @@ class RegDocument {
 
  private:
   static constexpr size_t kImplied = static_cast<size_t>(-1);
+  static constexpr size_t kNoNode = static_cast<size_t>(-1);
+
+  // The index is a tree of the existing keys, one node per key: the hives below the root,
+  // each sub key below its parent under its folded name. A path is found by walking its
+  // components, so no key stores its parents' paths again.
+  struct IndexNode {
+    size_t section = kImplied;  // index in keys_, or kImplied for a key without a section
+    size_t children = 0;        // number of sub keys
+  };
+  struct ChildKey {
+    size_t parent;
+    std::string name;  // folded
+    bool operator==(const ChildKey&) const = default;
+  };
+  struct ChildKeyHash {
+    size_t operator()(const ChildKey& key) const;
+  };
 
   // The section of an existing key, giving it one (placed before its first descendant's)
   // when it exists only implicitly. Null for a missing key.
   RegKey* SectionFor(std::string_view canonical);
   size_t FindSection(std::string_view canonical) const;
+  // The node of a canonical path (folded or not), or kNoNode when that key is missing.
+  size_t FindNode(std::string_view canonical) const;
   void RebuildIndex();
 
   std::vector<RegKey> keys_;
-  // Folded canonical path -> index in keys_, or kImplied for keys above a section.
-  std::unordered_map<std::string, size_t> index_;
+  std::vector<IndexNode> nodes_{IndexNode{}};                    // [0] is the root above the hives
+  std::unordered_map<ChildKey, size_t, ChildKeyHash> children_;  // -> index in nodes_
 };
 
 }  // namespace kalvo

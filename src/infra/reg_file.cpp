@@ -180,31 +180,44 @@ std::optional<ParsedValue> ParseValueLine(std::string_view line, RegFormat forma
   return parsed;
 }
 
-// Builds the ordered key list while parsing, merging repeated sections.
+// Builds the ordered key list while parsing, merging repeated sections and repeated values
+// through indexes, so that a key with many values costs no more per value than one with few.
 class KeyCollector {
  public:
-  RegKey* Section(const std::string& canonical) {
+  // The section of the key, added at the end when it is new. Valid until the next call.
+  size_t Section(const std::string& canonical) {
+    ++lookups_;
     auto [it, added] = index_.try_emplace(RegFoldName(canonical), keys_.size());
-    if (added) keys_.push_back(RegKey{canonical, {}});
-    return &keys_[it->second];
+    if (added) {
+      keys_.push_back(RegKey{canonical, {}});
+      value_index_.emplace_back();
+    }
+    return it->second;
   }
-  std::vector<RegKey> Take() { return std::move(keys_); }
-
- private:
-  std::vector<RegKey> keys_;
-  std::unordered_map<std::string, size_t> index_;
-};
-
-void PutValue(RegKey& key, RegValue value) {
-  for (RegValue& existing : key.values) {
-    if (RegNamesEqual(existing.name, value.name)) {
-      existing.type = value.type;
-      existing.data = std::move(value.data);
-      return;
+  // Adds the value to section `section`, or replaces the one of the same name in its place.
+  void PutValue(size_t section, RegValue value) {
+    ++lookups_;
+    std::vector<RegValue>& values = keys_[section].values;
+    const auto [it, added] =
+        value_index_[section].try_emplace(RegFoldName(value.name), values.size());
+    if (added) {
+      values.push_back(std::move(value));
+    } else {
+      values[it->second].type = value.type;
+      values[it->second].data = std::move(value.data);
     }
   }
-  key.values.push_back(std::move(value));
-}
+  std::vector<RegKey> Take() { return std::move(keys_); }
+  // Keys and values looked up so far.
+  uint64_t lookups() const { return lookups_; }
+
+ private:
+  uint64_t lookups_ = 0;
+  std::vector<RegKey> keys_;
+  std::unordered_map<std::string, size_t> index_;  // folded path -> index in keys_
+  // Per section: folded value name -> index in its values.
+  std::vector<std::unordered_map<std::string, size_t>> value_index_;
+};
 
 std::string Quote(std::string_view text) {
   std::string out = "\"";
@@ -266,7 +279,7 @@ void AppendValue(std::string& out, const RegValue& value, const RegDocument& doc
 
 }  // namespace
 
-RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn) {
+RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn, uint64_t* work) {
   RegDocument doc;
   const std::string text = DecodeTextFile(bytes, &doc.encoding);
   // A pure ASCII file is the Windows-1252 that regedit writes, not a UTF-8 one.
@@ -291,12 +304,17 @@ RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn) {
     if (warn) warn(line_no, message);
   };
 
+  constexpr size_t kNoSection = static_cast<size_t>(-1);
   KeyCollector keys;
-  RegKey* current = nullptr;
-  bool in_deleted_key = false;
+  uint64_t steps = 0;
+  size_t current = kNoSection;
+  // Under a key deletion or a key too large to keep, value lines are dropped without a
+  // warning of their own.
+  bool values_ignored = false;
   bool header_seen = false;
   for (size_t i = 0; i < lines.size(); ++i) {
     const size_t line_no = i + 1;
+    steps += lines[i].size() + 1;
     std::string line(Trim(lines[i]));
     if (line.empty() || line.front() == ';') continue;
     if (!header_seen) {
@@ -316,11 +334,12 @@ RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn) {
       while (line.ends_with('\\') && i + 1 < lines.size()) {
         line.pop_back();
         line += Trim(lines[++i]);
+        steps += lines[i].size() + 1;
       }
     }
     if (line.front() == '[') {
-      current = nullptr;
-      in_deleted_key = false;
+      current = kNoSection;
+      values_ignored = false;
       const size_t close = line.rfind(']');
       if (close == std::string::npos) {
         report(line_no, "key line without closing bracket skipped");
@@ -328,10 +347,18 @@ RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn) {
       }
       const std::string_view name = std::string_view(line).substr(1, close - 1);
       if (name.starts_with('-')) {
-        in_deleted_key = true;  // key deletions are not applied
+        values_ignored = true;  // key deletions are not applied
         continue;
       }
-      const std::string canonical = RegCanonicalKeyPath(name);
+      bool too_large = false;
+      const std::string canonical = RegCanonicalKeyPath(name, &too_large);
+      if (too_large) {
+        values_ignored = true;
+        report(line_no, "key deeper than " + std::to_string(kRegMaxKeyDepth) +
+                            " levels or longer than " + std::to_string(kRegMaxKeyLength) +
+                            " characters skipped with its values");
+        continue;
+      }
       if (canonical.empty() || !OnlyTrailer(std::string_view(line).substr(close + 1))) {
         report(line_no, "unknown hive or malformed key name skipped");
         continue;
@@ -342,16 +369,17 @@ RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn) {
       std::optional<ParsedValue> parsed = ParseValueLine(line, doc.format, error);
       if (!parsed) {
         report(line_no, "malformed value line skipped (" + error + ")");
-      } else if (current == nullptr) {
-        if (!in_deleted_key) report(line_no, "value line outside of any key skipped");
+      } else if (current == kNoSection) {
+        if (!values_ignored) report(line_no, "value line outside of any key skipped");
       } else if (!parsed->deletion) {
-        PutValue(*current, std::move(parsed->value));
+        keys.PutValue(current, std::move(parsed->value));
       }
     } else {
       report(line_no, "unrecognised line skipped");
     }
   }
   doc.SetKeys(keys.Take());
+  if (work != nullptr) *work = steps + keys.lookups();
   return doc;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -27,7 +28,12 @@ using RegParseWarning = std::function<void(size_t line, const std::string& messa
 // the next line. Never throws on bad input. The document remembers the dialect, encoding
 // and line end so that FormatRegFile writes it back the same way; an empty input gives an
 // empty REGEDIT4 document.
-RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn);
+// Key paths beyond kRegMaxKeyDepth levels or kRegMaxKeyLength characters are skipped with
+// their values (one warning for the key). Time and memory are linear in the size of `bytes`.
+// `work`, when given, receives an upper bound of the steps taken (characters of the lines
+// read, plus one per key or value looked up while merging), for tests and benchmarks.
+RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn,
+                         uint64_t* work = nullptr);
 
 // The bytes of a .reg file holding `doc`, in the dialect, encoding and line end it records.
 // Strings without NUL, CR or LF are written quoted, four-byte REG_DWORDs as "dword:", all
