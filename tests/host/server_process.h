@@ -43,10 +43,11 @@ inline std::string ReadFile(const fs::path& p) {
 
 class ServerProcess {
  public:
-  // Starts the server; `extra_kdx` are further .reg value lines under the KDX key.
-  explicit ServerProcess(const std::string& extra_kdx = "") {
-    dir_ = fs::temp_directory_path() / ("kalvo_e2e_" + std::to_string(::getpid()) + "_" +
-                                        std::to_string(counter_++));
+  // Starts the server; `extra_kdx` are further .reg value lines under the KDX key,
+  // `extra_keys` further keys with their values (the database's "KDX\\DB", for example).
+  explicit ServerProcess(const std::string& extra_kdx = "", const std::string& extra_keys = "") {
+    dir_ = fs::temp_directory_path() /
+           ("kalvo_e2e_" + std::to_string(::getpid()) + "_" + std::to_string(counter_++));
     fs::remove_all(dir_);
     fs::create_directories(dir_);
     port_ = FreePort();
@@ -57,7 +58,8 @@ class ServerProcess {
         << "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX]\r\n"
         << "\"ServerLocalPort\"=\"" << port_ << "\"\r\n"
         << "\"StatusPort\"=dword:" << std::hex << status_port_ << std::dec << "\r\n"
-        << extra_kdx << "\r\n";
+        << extra_kdx << "\r\n"
+        << extra_keys;
     pid_ = ::fork();
     if (pid_ == 0) {
       const std::string exe = std::string(KALVO_BUILD_DIR) + "/kalvosrv";
@@ -67,7 +69,8 @@ class ServerProcess {
               log.c_str(), "--listen-address", "127.0.0.1", static_cast<char*>(nullptr));
       ::_exit(127);
     }
-    if (!WaitForLog("Form_Load complete")) throw std::runtime_error("server did not start:\n" + Log());
+    if (!WaitForLog("Form_Load complete"))
+      throw std::runtime_error("server did not start:\n" + Log());
   }
 
   ~ServerProcess() {
@@ -82,6 +85,7 @@ class ServerProcess {
   int status_port() const { return status_port_; }
   pid_t pid() const { return pid_; }
   std::string Log() const { return ReadFile(dir_ / "kalvosrv.log"); }
+  std::string RegistryText() const { return ReadFile(dir_ / "registry.reg"); }
 
   // Waits up to fifteen seconds (sanitizer builds on a loaded machine are slow) until the
   // log holds `text` (`times` times).
@@ -126,8 +130,13 @@ class ServerProcess {
 // A blocking client whose reads give up after a time limit.
 class Client {
  public:
-  explicit Client(int port) {
+  // With `receive_buffer` > 0 the socket's receive buffer is made that small before it
+  // connects, so that a peer that does not read fills it quickly.
+  explicit Client(int port, int receive_buffer = 0) {
     fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (receive_buffer > 0) {
+      ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+    }
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port));
@@ -142,9 +151,17 @@ class Client {
     fd_ = -1;
   }
   void Send(const std::string& bytes) {
-    if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size())) {
-      throw std::runtime_error("send failed");
+    if (!TrySend(bytes)) throw std::runtime_error("send failed");
+  }
+  // Sends all of `bytes`; false when the connection failed first (closed by the server).
+  bool TrySend(const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+      const ssize_t n = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      done += static_cast<size_t>(n);
     }
+    return true;
   }
   // Reads until `count` bytes arrived or nothing came for `quiet_ms`.
   std::string Receive(size_t count, int quiet_ms = 2000) {
@@ -163,5 +180,18 @@ class Client {
  private:
   int fd_ = -1;
 };
+
+// Reads one whole packet by its size field; what came ("" or a part) when no more came in
+// time.
+inline std::string ReceivePacket(Client& client, int quiet_ms = 2000) {
+  std::string head;
+  while (head.find('|') == std::string::npos) {
+    const std::string c = client.Receive(1, quiet_ms);
+    if (c.empty()) return head;
+    head += c;
+  }
+  const size_t size = std::stoul(head.substr(0, head.find('|')));
+  return head + client.Receive(size - head.size(), quiet_ms);
+}
 
 }  // namespace kalvo::testing

@@ -1,0 +1,155 @@
+// The configuration requests through the real server on SQLite: an empty database brought to
+// a complete one from a console, the settings written to the registry file, and console
+// requests refused to an address outside AdminAllowedAddresses.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "../db/odbc_test_env.h"
+#include "../net/packet_printer.h"
+#include "infra/log.h"
+#include "infra/unique_fd.h"
+#include "infra/version.h"
+#include "net/packet.h"
+#include "net/socket_send.h"
+#include "security/encryption.h"
+#include "server_process.h"
+
+namespace kalvo::testing {
+namespace {
+
+// A console connected from `source` (a loopback address) that speaks packets.
+class Console {
+ public:
+  Console(int port, const char* source = "127.0.0.1") {
+    sockaddr_in from{};
+    from.sin_family = AF_INET;
+    ::inet_pton(AF_INET, source, &from.sin_addr);
+    if (::bind(fd_.get(), reinterpret_cast<sockaddr*>(&from), sizeof from) != 0) {
+      throw std::runtime_error("bind failed");
+    }
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd_.get(), reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+      throw std::runtime_error("connect failed");
+    }
+  }
+
+  void Send(int32_t id, std::string data = "", std::string misc1 = "") {
+    SocketDataStruct p = Packet(id, std::move(data), std::move(misc1));
+    PrepareForSending(p, log_);
+    const std::string bytes = SocketStructToString(log_, p);
+    ASSERT_EQ(::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+  }
+
+  // The next packet; PackageID 0 when nothing came within `quiet_ms`.
+  SocketDataStruct Receive(int quiet_ms = 10000) {
+    std::string bytes;
+    size_t size = 0;
+    while (size == 0 || bytes.size() < size) {
+      timeval tv{quiet_ms / 1000, (quiet_ms % 1000) * 1000};
+      ::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+      char buf[4096];
+      const size_t want = size == 0 ? 1 : std::min(sizeof buf, size - bytes.size());
+      const ssize_t n = ::recv(fd_.get(), buf, want, 0);
+      if (n <= 0) return {};
+      bytes.append(buf, static_cast<size_t>(n));
+      if (size == 0 && bytes.back() == '|') size = std::stoul(bytes);
+    }
+    return SocketStringToStruct(log_, bytes);
+  }
+
+ private:
+  UniqueFd fd_{::socket(AF_INET, SOCK_STREAM, 0)};
+  RegistryStore registry_{"/nonexistent/kalvo/registry.reg"};
+  Log log_{registry_, "/dev/null"};
+};
+
+// The ODBC configuration of this program, written once (the driver manager reads it once).
+const std::filesystem::path& OdbcDir() {
+  static TempDir dir;
+  static const bool written = [] {
+    WriteOdbcConfig(dir.path(), true, dir.path() / "kalvo.db", 0);
+    return true;
+  }();
+  (void)written;
+  return dir.path();
+}
+
+const std::string kProduct = "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara";
+const std::string kDatabaseKey = kProduct + "\\KDX\\DB]\r\n\"DSN\"=\"" + kSqliteDsn +
+                                 "\"\r\n\"StringType\"=\"VARCHAR\"\r\n"
+                                 "\"StringMaxSize\"=dword:000000ff\r\n"
+                                 "\"NumberType\"=\"INTEGER\"\r\n\"BLOBType\"=\"BLOB\"\r\n"
+                                 "\"BLOBMaxSize\"=dword:00001000\r\n\r\n";
+
+TEST(ConfigurationE2E, AConsoleBringsAnEmptyDatabaseToACompleteOne) {
+  std::filesystem::remove(OdbcDir() / "kalvo.db");
+  ServerProcess server("", kDatabaseKey);
+  Console console(server.port());
+  console.Send(401, "", "UPDATE");
+  EXPECT_EQ(console.Receive().Misc1, "3") << "NoTables\n" << server.Log();
+
+  const std::string nul(1, '\0');
+  const std::string key = VersionInfoKeyText();
+  console.Send(351,
+               std::string(kSqliteDsn) + nul + EncryptText("", key) + nul + EncryptText("", key) +
+                   nul + "VARCHAR" + nul + "200" + nul + "INTEGER" + nul + "BLOB" + nul + "8192" +
+                   nul + "1",
+               "6");
+  SocketDataStruct reply = console.Receive();
+  EXPECT_EQ(reply.PackageID, 351);
+  EXPECT_EQ(reply.Data, "0") << server.Log();
+  console.Send(401, "", "UPDATE");
+  reply = console.Receive();
+  EXPECT_EQ(reply.Misc1, "1") << "UpToDate";
+  EXPECT_EQ(reply.Misc3, "200") << "the new StringMaxSize is the server's";
+  const std::string registry = server.RegistryText();
+  EXPECT_NE(registry.find("\"StringMaxSize\"=dword:000000c8"), std::string::npos) << registry;
+  EXPECT_NE(registry.find("\"BLOBMaxSize\"=dword:00002000"), std::string::npos) << registry;
+
+  // The free query sees the default group.
+  console.Send(701, "SELECT group_name FROM tbl_kdx_groups");
+  EXPECT_EQ(console.Receive().Data, "Data:group_name$Jeder");
+}
+
+TEST(ConfigurationE2E, SettingsUpdateIsWrittenToTheRegistryFileUnderTheConsolesNames) {
+  ServerProcess server("", kProduct + "\\KDX\\Backup]\r\n\r\n" + kProduct +
+                               "\\KDX\\Log]\r\n\"LogServer\"=dword:00000001\r\n\r\n");
+  Console console(server.port());
+  console.Send(306, "4$5$6$1$2$3$True$77");
+  const SocketDataStruct reply = console.Receive();
+  EXPECT_EQ(reply.PackageID, 306);
+  EXPECT_EQ(reply.Data, "");
+  const std::string registry = server.RegistryText();
+  for (const char* line :
+       {"\"Automatic\"=dword:00000004", "\"Client\"=dword:00000006", "\"Server\"=dword:00000002",
+        "\"LogServer\"=dword:00000001", "\"AuditIsActive\"=dword:ffffffff",
+        "\"AuditDisplayMaxCount\"=dword:0000004d", "\"LogLevel\"=dword:00000007"}) {
+    EXPECT_NE(registry.find(line), std::string::npos) << line << "\n" << registry;
+  }
+  console.Send(305);
+  EXPECT_EQ(console.Receive().Data, "4$5$6$1$2$3$True$77$False$True$1000$False$365");
+}
+
+TEST(ConfigurationE2E, ConsoleRequestsFromOtherAddressesAreIgnored) {
+  ServerProcess server("\"AdminAllowedAddresses\"=\"127.0.0.1\"\r\n");
+  Console outsider(server.port(), "127.0.0.2");
+  outsider.Send(311);
+  outsider.Send(701, "SELECT 1");
+  ASSERT_TRUE(server.WaitForLog("console request 701 from 127.0.0.2 ignored"));
+  EXPECT_TRUE(server.WaitForLog("console request 311 from 127.0.0.2 ignored"));
+  // A token client's request from there is answered; the first answer it gets is that one.
+  outsider.Send(327, "A1B2C3D4-0000-4000-8000-00000000000A");
+  SocketDataStruct reply = outsider.Receive();
+  EXPECT_EQ(reply.PackageID, 327);
+  Console admin(server.port());
+  admin.Send(311);
+  EXPECT_EQ(admin.Receive().PackageID, 311);
+}
+
+}  // namespace
+}  // namespace kalvo::testing
