@@ -28,6 +28,10 @@ if [ ! -f "$run/registry.reg" ]; then
   cp packaging/registry.reg.example "$run/registry.reg"
 fi
 export ODBCSYSINI=$run ODBCINI=$run/odbc.ini
+if [ ! -f "$run/kalvo.db" ]; then
+  # A new database gets its tables, the group "Jeder" and the indexes.
+  "$build/kalvosrv" --init-database --registry "$run/registry.reg" --log-file "$run/kalvosrv.log"
+fi
 "$build/kalvosrv" --check-config --registry "$run/registry.reg" --log-file "$run/kalvosrv.log" || true
 # A trial server answers this machine only.
 echo "kalvosrv: 127.0.0.1:15243, status http://127.0.0.1:15244/status, log $run/kalvosrv.log (Ctrl-C stops)"
