@@ -342,6 +342,19 @@ inline void WriteOdbcConfig(const std::filesystem::path& dir, bool pooling,
   ::setenv("ODBCINI", (dir / "odbc.ini").c_str(), 1);
 }
 
+// The directory of a process-wide ODBC configuration with pooling and the SQLite data source
+// on "kalvo.db" inside it, written on first use: the driver manager reads its files once per
+// process.
+inline const std::filesystem::path& SqliteOdbcDir() {
+  static TempDir dir;
+  static const bool written = [] {
+    WriteOdbcConfig(dir.path(), true, dir.path() / "kalvo.db", 0);
+    return true;
+  }();
+  (void)written;
+  return dir.path();
+}
+
 // True when the environment says this is a CI run, where a test database that cannot be
 // started is a failure rather than a reason to skip.
 inline bool RunningInCi() {

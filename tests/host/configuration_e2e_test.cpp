@@ -68,16 +68,6 @@ class Console {
   Log log_{registry_, "/dev/null"};
 };
 
-// The ODBC configuration of this program, written once (the driver manager reads it once).
-const std::filesystem::path& OdbcDir() {
-  static TempDir dir;
-  static const bool written = [] {
-    WriteOdbcConfig(dir.path(), true, dir.path() / "kalvo.db", 0);
-    return true;
-  }();
-  (void)written;
-  return dir.path();
-}
 
 const std::string kProduct = "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara";
 const std::string kDatabaseKey = kProduct + "\\KDX\\DB]\r\n\"DSN\"=\"" + kSqliteDsn +
@@ -87,7 +77,7 @@ const std::string kDatabaseKey = kProduct + "\\KDX\\DB]\r\n\"DSN\"=\"" + kSqlite
                                  "\"BLOBMaxSize\"=dword:00001000\r\n\r\n";
 
 TEST(ConfigurationE2E, AConsoleBringsAnEmptyDatabaseToACompleteOne) {
-  std::filesystem::remove(OdbcDir() / "kalvo.db");
+  std::filesystem::remove(SqliteOdbcDir() / "kalvo.db");
   ServerProcess server("", kDatabaseKey);
   Console console(server.port());
   console.Send(401, "", "UPDATE");

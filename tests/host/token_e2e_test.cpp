@@ -57,22 +57,11 @@ class PacketPeer {
   Client client_;
 };
 
-// The ODBC configuration of this test program, written once: the driver manager reads its
-// files once per process.
-const std::filesystem::path& OdbcDir() {
-  static TempDir dir;
-  static const bool written = [] {
-    WriteOdbcConfig(dir.path(), true, dir.path() / "kalvo.db", 0);
-    return true;
-  }();
-  (void)written;
-  return dir.path();
-}
 
 class TokenE2E : public ::testing::Test {
  protected:
   void SetUp() override {
-    OdbcDir();
+    SqliteOdbcDir();
     {
       // A fresh schema for every test.
       QuietLog quiet;
