@@ -1,5 +1,7 @@
 #include "db/connection.h"
 
+#include <chrono>
+
 #include "infra/arrays.h"
 #include "infra/log.h"
 #include "infra/runtime_error.h"
@@ -10,6 +12,50 @@ namespace {
 
 // Raised by the text conversions when asked for a set without rows; the handler logs it.
 constexpr int32_t kErrNoCurrentRow = 3021;
+
+// How long past the time limit the stall guard waits before it cuts the connections: where a
+// driver's own limit works (a slow statement on a server that still answers), it answers
+// first and the connections stay usable.
+constexpr std::chrono::milliseconds kStallGrace{500};
+
+// Runs `call` (ODBC calls that may wait for the server) under the environment's stall guard
+// when `seconds` is positive. A call the guard had to cut off fails with HYT00 whatever the
+// driver made of the cut connection; the connection is marked broken then.
+template <typename Call>
+auto GuardedCall(DbConnection* connection, OdbcEnvironment& env, int32_t seconds,
+                 std::string_view what, Call&& call) {
+  if (seconds <= 0) return call();
+  StallGuard& guard = env.stall_guard();
+  guard.Arm(std::chrono::seconds(seconds) + kStallGrace);
+  auto timed_out = [&] {
+    if (connection != nullptr) connection->MarkBroken();
+    return OdbcError(0, "HYT00",
+                     std::string(what) + ": the database did not answer within " +
+                         std::to_string(seconds) + " s");
+  };
+  try {
+    auto result = call();
+    if (guard.Disarm()) {
+      // Done just as the connections were cut: the result stands, the connection does not.
+      if (connection != nullptr) connection->MarkBroken();
+    }
+    return result;
+  } catch (const OdbcError&) {
+    if (guard.Disarm()) throw timed_out();
+    throw;
+  } catch (...) {
+    guard.Disarm();
+    throw;
+  }
+}
+
+// True for a statement that only reads: running it twice cannot change anything.
+bool OnlyReads(std::string_view sql) {
+  const size_t start = sql.find_first_not_of(" \t\r\n(");
+  return start != std::string_view::npos && sql.size() - start > 6 &&
+         EqualsNoCase(sql.substr(start, 6), "SELECT") &&
+         std::string_view(" \t\r\n*").find(sql[start + 6]) != std::string_view::npos;
+}
 
 bool IsBinaryType(SQLSMALLINT type) {
   return type == SQL_BINARY || type == SQL_VARBINARY || type == SQL_LONGVARBINARY;
@@ -119,18 +165,27 @@ RecordSet Execute(DbConnection& connection, const Statement& statement, size_t m
   std::string text = AdaptStatement(statement.text(), connection.dialect());
   std::vector<SQLLEN> lengths(statement.bound().size());
   BindValues(stmt.get(), statement, connection.dialect(), lengths);
-  const SQLRETURN rc = SQLExecDirect(stmt.get(), reinterpret_cast<SQLCHAR*>(text.data()),
-                                     static_cast<SQLINTEGER>(text.size()));
-  RecordSet result;
-  if (rc == SQL_NO_DATA) {  // a searched UPDATE or DELETE that hit no row
-    result.rows_affected = 0;
-    return result;
+  const int32_t seconds = connection.database().settings().timeout_seconds;
+  if (seconds > 0) {
+    // Where the driver has no query limit it says so with a warning or an error; the stall
+    // guard still applies.
+    SQLSetStmtAttr(stmt.get(), SQL_ATTR_QUERY_TIMEOUT,
+                   reinterpret_cast<SQLPOINTER>(static_cast<SQLULEN>(seconds)), 0);
   }
-  CheckOdbc(rc, SQL_HANDLE_STMT, stmt.get(), "SQLExecDirect");
-  SQLLEN affected = -1;
-  if (OdbcSucceeded(SQLRowCount(stmt.get(), &affected))) result.rows_affected = affected;
-  FetchAll(stmt.get(), result, max_rows);
-  return result;
+  return GuardedCall(&connection, connection.database().env(), seconds, "SQLExecDirect", [&] {
+    const SQLRETURN rc = SQLExecDirect(stmt.get(), reinterpret_cast<SQLCHAR*>(text.data()),
+                                       static_cast<SQLINTEGER>(text.size()));
+    RecordSet result;
+    if (rc == SQL_NO_DATA) {  // a searched UPDATE or DELETE that hit no row
+      result.rows_affected = 0;
+      return result;
+    }
+    CheckOdbc(rc, SQL_HANDLE_STMT, stmt.get(), "SQLExecDirect");
+    SQLLEN affected = -1;
+    if (OdbcSucceeded(SQLRowCount(stmt.get(), &affected))) result.rows_affected = affected;
+    FetchAll(stmt.get(), result, max_rows);
+    return result;
+  });
 }
 
 bool ExecuteLogged(DbConnection& connection, const Statement& statement, RecordSet& result,
@@ -139,11 +194,29 @@ bool ExecuteLogged(DbConnection& connection, const Statement& statement, RecordS
   const std::string& sql = statement.text();
   const std::string braces = "{" + sql + "}";
   result = RecordSet{};
+  bool retry_elsewhere = false;
   try {
     if (auto problem = statement.Problem(connection.dialect())) {
       throw OdbcError(kErrStatementRefused, "42000", *problem);
     }
-    result = Execute(connection, statement, max_rows);
+    const bool first = connection.statements_tried() == 0;
+    connection.CountStatement();
+    try {
+      result = Execute(connection, statement, max_rows);
+    } catch (const OdbcError& e) {
+      if (IsCommunicationFailure(e.sql_state())) {
+        connection.MarkBroken();
+        // A pooled connection whose server went away shows only here: the driver manager
+        // hands it out unchecked, and the driver learns of the end only when it sends. The
+        // drivers cannot say whether the statement reached the server before the connection
+        // ended, so the operation starts again only when that would not matter: nothing ran
+        // before, and this statement only reads. A time limit is no dead connection but a
+        // server that does not answer; another connection would only wait as long again.
+        const bool timed_out = e.sql_state() == "HYT00" || e.sql_state() == "HYT01";
+        retry_elsewhere = first && !timed_out && connection.reconnect_when_dead() && OnlyReads(sql);
+      }
+      throw;
+    }
     db.log().WriteLog("DBExecuteSQLCommand (OK) " + braces);
     return true;
   } catch (const OdbcError& e) {
@@ -156,6 +229,9 @@ bool ExecuteLogged(DbConnection& connection, const Statement& statement, RecordS
   db.log().LogError(db.last_error_number(), db.last_error_description(), "DBExecuteSQLCommand",
                     sql);
   db.log().WriteLog("DBExecuteSQLCommand (Error) " + braces);
+  if (retry_elsewhere) {
+    throw DeadConnection(db.last_error_number(), "08S01", db.last_error_description());
+  }
   return false;
 }
 
@@ -203,30 +279,62 @@ std::optional<std::string> RecordSet::Field(size_t row, std::string_view name) c
 }
 
 void DbConnection::Close() noexcept {
-  if (dbc_) database_->env().ReleaseConnectionHandle(std::move(dbc_));
+  if (!dbc_) return;
+  if (broken_) {
+    database_->env().DiscardConnectionHandle(std::move(dbc_));
+  } else {
+    database_->env().ReleaseConnectionHandle(std::move(dbc_));
+  }
 }
 
 void DbConnection::Open(std::string_view dsn, std::string_view user, std::string_view password) {
   Close();
+  broken_ = false;
+  statements_tried_ = 0;
   OdbcEnvironment& env = database_->env();
-  DbcHandle dbc = env.AcquireConnectionHandle();
+  const int32_t seconds = database_->settings().timeout_seconds;
   std::string d(dsn), u(user), p(password);
-  const SQLRETURN rc = SQLConnect(dbc.get(), reinterpret_cast<SQLCHAR*>(d.data()), SQL_NTS,
-                                  reinterpret_cast<SQLCHAR*>(u.data()), SQL_NTS,
-                                  reinterpret_cast<SQLCHAR*>(p.data()), SQL_NTS);
-  if (!OdbcSucceeded(rc)) {
-    OdbcError error = MakeOdbcError(SQL_HANDLE_DBC, dbc.get(), "SQLConnect", rc);
-    env.ReleaseConnectionHandle(std::move(dbc));
-    throw error;
+  for (int attempt = 0;; ++attempt) {
+    DbcHandle dbc = env.AcquireConnectionHandle();
+    if (seconds > 0) {
+      const auto limit = reinterpret_cast<SQLPOINTER>(static_cast<SQLULEN>(seconds));
+      SQLSetConnectAttr(dbc.get(), SQL_ATTR_LOGIN_TIMEOUT, limit, 0);
+      SQLSetConnectAttr(dbc.get(), SQL_ATTR_CONNECTION_TIMEOUT, limit, 0);
+    }
+    const StallGuard::FdWindow before = StallGuard::Snapshot();
+    try {
+      GuardedCall(nullptr, env, seconds, "SQLConnect", [&] {
+        const SQLRETURN r = SQLConnect(dbc.get(), reinterpret_cast<SQLCHAR*>(d.data()), SQL_NTS,
+                                       reinterpret_cast<SQLCHAR*>(u.data()), SQL_NTS,
+                                       reinterpret_cast<SQLCHAR*>(p.data()), SQL_NTS);
+        CheckOdbc(r, SQL_HANDLE_DBC, dbc.get(), "SQLConnect");
+        return r;
+      });
+    } catch (...) {
+      // A handle that never connected holds nothing to keep out of use.
+      env.ReleaseConnectionHandle(std::move(dbc));
+      throw;
+    }
+    env.stall_guard().NoteNewSockets(before);
+    // The driver manager hands out pooled connections without trying them; where the driver
+    // already knows one is dead, it is not worth a statement.
+    SQLUINTEGER dead = SQL_CD_FALSE;
+    if (OdbcSucceeded(SQLGetConnectAttr(dbc.get(), SQL_ATTR_CONNECTION_DEAD, &dead, 0, nullptr)) &&
+        dead == SQL_CD_TRUE) {
+      env.DiscardConnectionHandle(std::move(dbc));
+      if (attempt == 0) continue;
+      throw OdbcError(0, "08S01", "The database connection is dead");
+    }
+    char name[128] = {};
+    SQLSMALLINT length = 0;
+    if (OdbcSucceeded(SQLGetInfo(dbc.get(), SQL_DBMS_NAME, name, sizeof name, &length))) {
+      dialect_ = DialectFromDbmsName(name);
+    } else {
+      dialect_ = Dialect::kOther;
+    }
+    dbc_ = std::move(dbc);
+    return;
   }
-  char name[128] = {};
-  SQLSMALLINT length = 0;
-  if (OdbcSucceeded(SQLGetInfo(dbc.get(), SQL_DBMS_NAME, name, sizeof name, &length))) {
-    dialect_ = DialectFromDbmsName(name);
-  } else {
-    dialect_ = Dialect::kOther;
-  }
-  dbc_ = std::move(dbc);
 }
 
 bool DBConnect(DbConnection& connection, std::string_view dsn, std::string_view user,

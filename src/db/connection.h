@@ -16,9 +16,18 @@
 
 namespace kalvo {
 
+// Thrown by DBExecuteSQLCommand, on a connection that asked for it (set_reconnect_when_dead),
+// when the connection's first statement failed because the connection was dead and the
+// statement cannot have changed anything: the operation may start again on a fresh one.
+class DeadConnection : public OdbcError {
+ public:
+  using OdbcError::OdbcError;
+};
+
 // One open (or not yet opened) database connection. Created per operation; the Database
 // must outlive it. Destroying a connected one disconnects it (back to the driver manager's
-// pool when pooling is on).
+// pool when pooling is on). The Database settings' timeout_seconds limits the login and every
+// statement (see StallGuard for a server that stops answering altogether).
 class DbConnection {
  public:
   explicit DbConnection(Database& database) : database_(&database) {}
@@ -32,16 +41,31 @@ class DbConnection {
   // The engine's dialect, from the DBMS name the driver reported at connect.
   Dialect dialect() const { return dialect_; }
 
-  // Opens with SQLConnect; throws OdbcError. Closes a previous connection first.
+  // Opens with SQLConnect; throws OdbcError. Closes a previous connection first. A pooled
+  // connection that the driver reports dead (SQL_ATTR_CONNECTION_DEAD) is discarded and
+  // replaced by a fresh one.
   void Open(std::string_view dsn, std::string_view user, std::string_view password);
-  // Closes it (its handle goes back to the environment for reuse); a closed connection
-  // stays closed. Never throws.
+  // Closes it (its handle goes back to the environment for reuse, unless the connection
+  // failed: then it is discarded); a closed connection stays closed. Never throws.
   void Close() noexcept;
+
+  // Marks the connection as failed (a communication failure or time limit): Close discards it.
+  void MarkBroken() { broken_ = true; }
+  bool broken() const { return broken_; }
+  // Statements executed (or tried) since Open.
+  int statements_tried() const { return statements_tried_; }
+  void CountStatement() { ++statements_tried_; }
+  // See DeadConnection; off unless an operation frame that can start again turns it on.
+  void set_reconnect_when_dead(bool on) { reconnect_when_dead_ = on; }
+  bool reconnect_when_dead() const { return reconnect_when_dead_; }
 
  private:
   Database* database_;
   DbcHandle dbc_;
   Dialect dialect_ = Dialect::kOther;
+  bool broken_ = false;
+  bool reconnect_when_dead_ = false;
+  int statements_tried_ = 0;
 };
 
 // The rows of one executed statement, fetched completely at execution. A statement that
@@ -82,8 +106,10 @@ bool DBDisconnect(DbConnection& connection);
 // "DBExecuteSQLCommand" and the SQL, logs "DBExecuteSQLCommand (Error) {<sql>}", leaves `result`
 // unset (not open) and returns false. A statement that Statement::Problem refuses fails the
 // same way (error kErrStatementRefused, the problem as its message) without reaching the
-// database. At most `max_rows` rows are fetched (0 for a probe that only asks whether the
-// statement runs: `result` then has its columns but no rows).
+// database. After the logging, throws DeadConnection instead of returning false where the
+// connection asked for it (see DbConnection::set_reconnect_when_dead). At most `max_rows` rows are
+// fetched (0 for a probe that only asks whether the statement runs: `result` then has its columns
+// but no rows).
 bool DBExecuteSQLCommand(DbConnection& connection, const Statement& statement, RecordSet& result,
                          size_t max_rows = SIZE_MAX);
 

@@ -1,8 +1,14 @@
 #include "db/odbc_handles.h"
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <filesystem>
 
 #include "infra/ini_file.h"
 
@@ -21,6 +27,11 @@ OdbcError MakeOdbcError(SQLSMALLINT type, SQLHANDLE handle, std::string_view con
                      reinterpret_cast<const char*>(message));
   }
   return OdbcError(rc, "HY000", std::string(context) + " failed with code " + std::to_string(rc));
+}
+
+bool IsCommunicationFailure(std::string_view sql_state) {
+  return sql_state.starts_with("08") || sql_state == "HYT00" || sql_state == "HYT01" ||
+         sql_state == "57P01" || sql_state == "57P02" || sql_state == "57P03";
 }
 
 void CheckOdbc(SQLRETURN rc, SQLSMALLINT type, SQLHANDLE handle, std::string_view context) {
@@ -60,6 +71,135 @@ void OdbcEnvironment::ReleaseConnectionHandle(DbcHandle dbc) noexcept {
       spare_.push_back(std::move(dbc));
     } catch (...) {
       // Out of memory: the handle is freed instead when `dbc` goes.
+    }
+  }
+}
+
+void OdbcEnvironment::DiscardConnectionHandle(DbcHandle dbc) noexcept {
+  if (!dbc || discarded_.size() >= kMaxDiscarded) return;  // `dbc` is freed as it goes
+  try {
+    discarded_.push_back(std::move(dbc));
+  } catch (...) {
+    // Out of memory: freed instead.
+  }
+}
+
+namespace {
+
+constexpr int kWindowSize = 64;
+
+// The peer address of socket `fd` as bytes; "" when `fd` is no connected socket.
+std::string PeerOf(int fd) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) return "";
+  sockaddr_storage address{};
+  socklen_t length = sizeof address;
+  if (::getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return "";
+  return std::string(reinterpret_cast<const char*>(&address), length);
+}
+
+// The database servers learnt from connects. Shared by every guard of the process: the
+// driver manager's pool is the process's, so a connection one environment opened may serve
+// another.
+struct DatabasePeers {
+  std::mutex mutex;
+  std::vector<std::string> peers;  // socket addresses, as bytes
+};
+
+DatabasePeers& KnownPeers() {
+  static DatabasePeers known;
+  return known;
+}
+
+}  // namespace
+
+StallGuard::~StallGuard() {
+  {
+    std::lock_guard lock(mutex_);
+    stop_ = true;
+  }
+  wake_.notify_all();
+  if (watcher_.joinable()) watcher_.join();
+}
+
+StallGuard::FdWindow StallGuard::Snapshot() {
+  FdWindow window;
+  // Descriptors are handed out lowest first: what a connect opens lands at or just above
+  // the lowest free one.
+  window.first = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (window.first < 0) return window;
+  ::close(window.first);
+  for (int i = 0; i < kWindowSize; ++i) {
+    if (::fcntl(window.first + i, F_GETFD) != -1) window.open |= uint64_t{1} << i;
+  }
+  return window;
+}
+
+void StallGuard::NoteNewSockets(const FdWindow& before) {
+  if (before.first < 0) return;
+  for (int i = 0; i < kWindowSize; ++i) {
+    if ((before.open >> i) & 1) continue;
+    std::string peer = PeerOf(before.first + i);
+    if (peer.empty()) continue;
+    DatabasePeers& known = KnownPeers();
+    std::lock_guard lock(known.mutex);
+    if (std::find(known.peers.begin(), known.peers.end(), peer) == known.peers.end()) {
+      known.peers.push_back(std::move(peer));
+    }
+  }
+}
+
+void StallGuard::Arm(std::chrono::milliseconds limit) {
+  bool wake = false;
+  {
+    std::lock_guard lock(mutex_);
+    deadline_ = std::chrono::steady_clock::now() + limit;
+    fired_ = false;
+    if (!watcher_.joinable()) watcher_ = std::thread([this] { Watch(); });
+    // Each deadline lies after the ones before it: a watcher waiting for an earlier one
+    // wakes in time to see it, so only one waiting for no deadline at all is woken. That
+    // keeps a statement from costing a thread switch.
+    wake = watcher_idle_;
+  }
+  if (wake) wake_.notify_all();
+}
+
+bool StallGuard::Disarm() {
+  std::lock_guard lock(mutex_);
+  deadline_.reset();
+  return fired_;
+}
+
+void StallGuard::Watch() {
+  std::unique_lock lock(mutex_);
+  while (!stop_) {
+    if (!deadline_) {
+      watcher_idle_ = true;
+      wake_.wait(lock);
+      watcher_idle_ = false;
+    } else if (wake_.wait_until(lock, *deadline_) == std::cv_status::timeout && deadline_ &&
+               std::chrono::steady_clock::now() >= *deadline_) {
+      deadline_.reset();
+      fired_ = true;
+      CutDatabaseSockets();
+    }
+  }
+}
+
+void StallGuard::CutDatabaseSockets() {
+  DatabasePeers& known = KnownPeers();
+  std::lock_guard lock(known.mutex);
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+    const std::string name = entry.path().filename().string();
+    if (name.empty() || !std::all_of(name.begin(), name.end(),
+                                     [](unsigned char c) { return std::isdigit(c) != 0; }))
+      continue;
+    const int fd = std::stoi(name);
+    const std::string peer = PeerOf(fd);
+    if (!peer.empty() &&
+        std::find(known.peers.begin(), known.peers.end(), peer) != known.peers.end()) {
+      ::shutdown(fd, SHUT_RDWR);
     }
   }
 }

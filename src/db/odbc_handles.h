@@ -5,10 +5,15 @@
 #include <sql.h>
 #include <sqlext.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace kalvo {
@@ -29,6 +34,11 @@ class OdbcError : public std::runtime_error {
 
 // True for SQL_SUCCESS and SQL_SUCCESS_WITH_INFO.
 inline bool OdbcSucceeded(SQLRETURN rc) { return rc == SQL_SUCCESS || rc == SQL_SUCCESS_WITH_INFO; }
+
+// True for a SQLSTATE that says the connection itself failed rather than the statement: class
+// 08 (connection exception), HYT00/HYT01 (time limit reached) and PostgreSQL's 57P01-57P03
+// (the server is shutting down or starting). A connection that failed so is not used again.
+bool IsCommunicationFailure(std::string_view sql_state);
 
 // Builds the error of the first diagnostic record of `handle` (of ODBC type `type`). When
 // the handle holds no record, the error says which call (`context`) failed with which code.
@@ -87,6 +97,53 @@ OdbcHandle<Type> AllocateHandle(SQLSMALLINT parent_type, SQLHANDLE parent) {
   return OdbcHandle<Type>(h);
 }
 
+// Cuts off a database server that stops answering. The drivers' own time limits do not cover
+// every hang: PostgreSQL's driver has the server apply the query limit (a stopped server never
+// does), and a stopped server's kernel still accepts the request, so no client-side socket
+// limit fires either. A watcher thread therefore shuts down every socket to a database server
+// once an armed call has overrun its limit; the blocked call sees the connection end and
+// fails at once. All connections to that server are cut, idle pooled ones included: they lead
+// to the same server, and each would otherwise hold up a later operation just as long.
+//
+// Database servers are learnt from the sockets a connect opens (NoteNewSockets), once for the
+// whole process (the driver manager's pool is the process's), so sockets of other peers (the
+// server's own clients) are never touched. Arm and Disarm are called from one thread; the
+// watcher thread starts with the first Arm and ends with the object.
+class StallGuard {
+ public:
+  // The descriptors around the lowest free one, taken before a connect to learn which
+  // sockets it opened.
+  struct FdWindow {
+    int first = -1;
+    uint64_t open = 0;  // bit i: descriptor first + i was open
+  };
+
+  StallGuard() = default;
+  ~StallGuard();
+  StallGuard(const StallGuard&) = delete;
+  StallGuard& operator=(const StallGuard&) = delete;
+
+  static FdWindow Snapshot();
+  // Remembers the peers of the sockets opened since `before` as database servers.
+  void NoteNewSockets(const FdWindow& before);
+  // Starts the clock for one call that may take `limit`.
+  void Arm(std::chrono::milliseconds limit);
+  // Stops the clock; true when the limit passed and the sockets were cut meanwhile.
+  bool Disarm();
+
+ private:
+  void Watch();
+  void CutDatabaseSockets();
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::optional<std::chrono::steady_clock::time_point> deadline_;
+  bool fired_ = false;
+  bool stop_ = false;
+  bool watcher_idle_ = false;  // the watcher waits for a deadline to be set
+  std::thread watcher_;        // last: started after, joined before the rest goes
+};
+
 // The one ODBC environment of the process (ODBC 3 behaviour). The Server owns it and hands
 // it to every Database; it must outlive every connection made through it. With `pooling`,
 // driver-manager pooling (one pool per driver) is requested before the environment is
@@ -111,12 +168,25 @@ class OdbcEnvironment {
   // Disconnects `dbc` and keeps it for the next AcquireConnectionHandle (a few are kept;
   // more are freed). Never throws.
   void ReleaseConnectionHandle(DbcHandle dbc) noexcept;
+  // Takes `dbc`, whose connection failed (a communication failure or a time limit), out of
+  // use for good. It is kept connected rather than disconnected: the driver manager takes every
+  // disconnected connection back into its pool and hands it out again unless the driver calls
+  // it dead (SQL_ATTR_CONNECTION_DEAD), and PostgreSQL's driver does not after a failed send.
+  // A few are kept so (a server restart kills about as many as the pool holds); past that
+  // they are freed. Never throws.
+  void DiscardConnectionHandle(DbcHandle dbc) noexcept;
+
+  // The guard against database servers that stop answering; lives as long as this object.
+  StallGuard& stall_guard() { return stall_guard_; }
 
  private:
   static constexpr size_t kMaxSpareHandles = 8;
+  static constexpr size_t kMaxDiscarded = 32;
   EnvHandle env_;
   // Declared after env_: destroyed (freed) before the environment is.
   std::vector<DbcHandle> spare_;
+  std::vector<DbcHandle> discarded_;  // failed connections, still connected (see above)
+  StallGuard stall_guard_;
 };
 
 // True when the driver manager's effective configuration turns pooling on: the [ODBC]

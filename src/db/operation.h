@@ -20,26 +20,42 @@ namespace kalvo {
 // configuration, deletions and a few lookups) the one with "!".
 enum class ConnectFailure { kPlain, kBang };
 
+// The line an operation frame logs before it starts again on a fresh connection.
+inline std::string ReconnectLogLine(std::string_view name) {
+  return std::string(name) + ": the database connection was dead, connecting again";
+}
+
 // Runs `work(connection, result)` inside the frame described above and gives `result`, which
-// starts as `empty`. `work` may throw; nothing escapes this function.
+// starts as `empty`. `work` may throw; nothing escapes this function. When a pooled connection
+// turns out dead at the operation's first statement (see DeadConnection), the work starts
+// once more from `empty` on a fresh connection; a second dead one fails the operation.
 template <typename T, typename Work>
 T RunOperation(Database& database, std::string_view name, ConnectFailure failure, T empty,
                Work&& work) {
   Log& log = database.log();
   T result = empty;
-  try {
-    DbConnection connection(database);
-    if (!DBConnect(connection)) {
-      log.LogError(
-          0, failure == ConnectFailure::kBang ? kConnectFailedTextBang : kConnectFailedText, name);
-      return empty;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    result = empty;
+    try {
+      DbConnection connection(database);
+      connection.set_reconnect_when_dead(attempt == 0);
+      if (!DBConnect(connection)) {
+        log.LogError(0,
+                     failure == ConnectFailure::kBang ? kConnectFailedTextBang : kConnectFailedText,
+                     name);
+        return empty;
+      }
+      work(connection, result);
+      DBDisconnect(connection);
+      log.WriteLog(std::string(name) + " (OK)");
+    } catch (const DeadConnection&) {
+      log.WriteLog(ReconnectLogLine(name));
+      continue;
+    } catch (...) {
+      LogCurrentException(log, name);
+      log.WriteLog(std::string(name) + " (Error)");
     }
-    std::forward<Work>(work)(connection, result);
-    DBDisconnect(connection);
-    log.WriteLog(std::string(name) + " (OK)");
-  } catch (...) {
-    LogCurrentException(log, name);
-    log.WriteLog(std::string(name) + " (Error)");
+    break;
   }
   return result;
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <vector>
 
+#include "db/operation.h"
 #include "infra/arrays.h"
 #include "infra/log.h"
 #include "infra/numbers.h"
@@ -374,39 +375,57 @@ TableState DBGetTableState(DbConnection& connection, int number) {
   return state;
 }
 
+namespace {
+
+// One check of DBIsDatabaseUpToDate on its own connection; throws DeadConnection when
+// `reconnect_when_dead` and the pooled connection it got was dead.
+TableState CheckTables(Database& database, bool reconnect_when_dead) {
+  DbConnection connection(database);
+  connection.set_reconnect_when_dead(reconnect_when_dead);
+  if (!DBConnect(connection)) return TableState::kConnectFailed;
+  int missing = 0;
+  bool column_missing = false, data_missing = false;
+  for (int number = 1; number <= 10; ++number) {
+    switch (DBGetTableState(connection, number)) {
+      case TableState::kTableMissing:
+        ++missing;
+        break;
+      case TableState::kColumnMissing:
+        column_missing = true;
+        break;
+      case TableState::kDataMissing:
+        data_missing = true;
+        break;
+      default:
+        break;
+    }
+  }
+  // Probes that failed because the connection ended say nothing about the tables: a server
+  // that went away during the check is one that cannot be reached.
+  const bool lost = connection.broken();
+  DBDisconnect(connection);
+  if (lost) return TableState::kConnectFailed;
+  if (missing == 10) return TableState::kNoTables;
+  if (missing > 0) return TableState::kTableMissing;
+  if (column_missing) return TableState::kColumnMissing;
+  if (data_missing) return TableState::kDataMissing;
+  return TableState::kUpToDate;
+}
+
+}  // namespace
+
 TableState DBIsDatabaseUpToDate(Database& database) {
   Log& log = database.log();
-  DbConnection connection(database);
-  TableState state = TableState::kUpToDate;
-  if (!DBConnect(connection)) {
-    state = TableState::kConnectFailed;
-  } else {
-    int missing = 0;
-    bool column_missing = false, data_missing = false;
-    for (int number = 1; number <= 10; ++number) {
-      switch (DBGetTableState(connection, number)) {
-        case TableState::kTableMissing:
-          ++missing;
-          break;
-        case TableState::kColumnMissing:
-          column_missing = true;
-          break;
-        case TableState::kDataMissing:
-          data_missing = true;
-          break;
-        default:
-          break;
-      }
-    }
-    DBDisconnect(connection);
-    if (missing == 10) {
-      state = TableState::kNoTables;
-    } else if (missing > 0) {
-      state = TableState::kTableMissing;
-    } else if (column_missing) {
-      state = TableState::kColumnMissing;
-    } else if (data_missing) {
-      state = TableState::kDataMissing;
+  TableState state = TableState::kConnectFailed;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    try {
+      state = CheckTables(database, attempt == 0);
+      break;
+    } catch (const DeadConnection&) {
+      log.WriteLog(ReconnectLogLine("DBIsDatabaseUpToDate"));
+    } catch (...) {
+      LogCurrentException(log, "DBIsDatabaseUpToDate");
+      break;
     }
   }
   log.WriteLog("DBIsDatabaseUpToDate -> " + std::string(TableStateName(state)));

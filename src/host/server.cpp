@@ -95,6 +95,7 @@ void Server::FormLoad() {
     certificates_ = CertificateLibrary(settings_.certificate_library);
     log_.WriteLog("DoStartupSettings completed");
     receive_buffers_.set_max_package_size(settings_.max_package_size);
+    connections_.set_max_send_queue(static_cast<size_t>(settings_.max_send_queue));
     receive_buffers_.set_max_buffered_bytes(settings_.max_buffered_bytes);
     registry_settings_ok_ = CheckRegistrySettings(settings_, log_);
     log_.WriteLog(std::string("Checking registry settings resulted ") +

@@ -22,9 +22,18 @@ struct ConnectionTable::Slot {
   std::string remote_address;
   std::array<char, 128> first_bytes;  // the read in progress lands here
   std::string writing;                // the bytes of the write in flight
-  std::string queued;                 // bytes waiting for the write in flight to finish
+  // Bytes waiting for the write in flight to finish: small replies share chunks of
+  // kChunkBytes, so that a long queue of them costs its bytes and little more.
+  std::deque<std::string> queued;
+  size_t queued_bytes = 0;
   bool connected = true;
 };
+
+namespace {
+
+constexpr size_t kChunkBytes = 64 * 1024;
+
+}  // namespace
 
 ConnectionTable::ConnectionTable(asio::io_context& io, ConnectionEvents& events)
     : io_(io),
@@ -177,13 +186,53 @@ void ConnectionTable::Fail(int index, const boost::system::error_code& ec) {
 bool ConnectionTable::Send(int index, std::string bytes) {
   Slot* slot = Find(index);
   if (slot == nullptr || !slot->connected) return false;
+  const size_t unsent = slot->writing.size() + slot->queued_bytes;
+  if (unsent > 0 && unsent + bytes.size() > max_send_queue_) {
+    Overflow(index, unsent + bytes.size());
+    return false;
+  }
   if (slot->writing.empty()) {
     slot->writing = std::move(bytes);
     StartWrite(index);
+    return true;
+  }
+  slot->queued_bytes += bytes.size();
+  auto& queued = slot->queued;
+  if (!queued.empty() && queued.back().size() + bytes.size() <= queued.back().capacity()) {
+    queued.back() += bytes;
+  } else if (bytes.size() < kChunkBytes / 2) {
+    queued.emplace_back().reserve(kChunkBytes);
+    queued.back() += bytes;
   } else {
-    slot->queued += bytes;
+    queued.push_back(std::move(bytes));
   }
   return true;
+}
+
+void ConnectionTable::Overflow(int index, size_t wanted) {
+  Slot* slot = Find(index);
+  // Nothing more is sent or read; what is queued goes at once. The write in flight keeps its
+  // buffer until the socket is closed.
+  slot->connected = false;
+  slot->queued.clear();
+  slot->queued_bytes = 0;
+  std::string description = "send queue full: " + std::to_string(wanted) +
+                            " bytes would wait for a peer that does not read, MaxSendQueue is " +
+                            std::to_string(max_send_queue_);
+  // Reported later rather than here: Send runs inside request handlers and broadcasts, and
+  // the close path (audit entry, notices to the consoles) must not run in their middle.
+  asio::post(io_, [this, index, ptr = slot, description = std::move(description)] {
+    if (Find(index) != ptr) return;
+    try {
+      events_.OnError(index, static_cast<int>(asio::error::no_buffer_space), description);
+    } catch (...) {
+    }
+  });
+}
+
+size_t ConnectionTable::UnsentBytes(int index) const {
+  const Slot* slot = Find(index);
+  return slot == nullptr ? 0 : slot->writing.size() + slot->queued_bytes;
 }
 
 void ConnectionTable::StartWrite(int index) {
@@ -203,14 +252,15 @@ void ConnectionTable::StartWrite(int index) {
                       }
                       now = Find(index);
                       if (now != ptr) return;
-                      now->writing.clear();
-                      now->writing.swap(now->queued);
-                      if (now->writing.empty()) {
+                      if (now->queued.empty()) {
+                        now->writing.clear();
                         now->writing.shrink_to_fit();
-                        now->queued.shrink_to_fit();
-                      } else {
-                        StartWrite(index);
+                        return;
                       }
+                      now->writing = std::move(now->queued.front());
+                      now->queued.pop_front();
+                      now->queued_bytes -= now->writing.size();
+                      StartWrite(index);
                     });
 }
 

@@ -7,6 +7,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <set>
 #include <string>
@@ -56,8 +57,17 @@ class ConnectionTable : public PeerTable {
   void StopListening();
 
   // Queues `bytes` for slot `index`; writes go out in order. Gives false (and sends nothing)
-  // when the slot is not loaded or not connected.
+  // when the slot is not loaded or not connected. When the bytes would take the slot's unsent
+  // bytes past the send-queue limit, they are dropped with everything still queued, the slot
+  // stops sending, and the failure is reported through ConnectionEvents::OnError (ENOBUFS)
+  // once the current event handler has returned, as for a socket error; gives false then.
   bool Send(int index, std::string bytes) override;
+  // The most bytes of replies one connection may have waiting to be written (the write in
+  // flight included); a peer that does not read its replies is closed when it would be
+  // passed. A single reply that finds nothing waiting is always accepted, whatever its size.
+  void set_max_send_queue(size_t bytes) { max_send_queue_ = bytes; }
+  // The bytes of slot `index` that are queued or in flight; 0 when it is not loaded.
+  size_t UnsentBytes(int index) const;
   // Closes and unloads slot `index`, freeing its index; pending writes are dropped.
   void Unload(int index);
   // Closes every connection and the listener.
@@ -82,6 +92,7 @@ class ConnectionTable : public PeerTable {
   void ReadAvailable(int index, size_t first);
   void StartWrite(int index);
   void Fail(int index, const boost::system::error_code& ec);
+  void Overflow(int index, size_t wanted);
   Slot* Find(int index) const;
   int TakeLowestFreeIndex();
 
@@ -93,6 +104,7 @@ class ConnectionTable : public PeerTable {
   std::set<int> free_indices_;                // indices below slots_.size() that are free
   int count_ = 0;
   uint64_t request_id_ = 0;
+  size_t max_send_queue_ = SIZE_MAX;
   std::vector<char> read_buffer_;  // shared: reads happen one at a time on this thread
 };
 

@@ -139,6 +139,30 @@ TEST_P(ConnectionTest, Windows1252TextRoundTripsUnchanged) {
   }
 }
 
+TEST_P(ConnectionTest, TextsAroundTheFetchBufferSizeRoundTrip) {
+  // Text is fetched in parts of 8 KiB, one byte of which the driver spends on a terminating
+  // NUL: the lengths around one and two parts must come back whole.
+  MustExecute({"CREATE TABLE t_text (a VARCHAR(20000), b VARCHAR(10))"});
+  DbConnection c(db());
+  ASSERT_TRUE(DBConnect(c));
+  for (size_t size : {8190u, 8191u, 8192u, 8193u, 16382u, 16383u, 16384u}) {
+    std::string text(size, ' ');
+    for (size_t i = 0; i < size; ++i) text[i] = static_cast<char>('a' + (i * 7 + i / 26) % 26);
+    text.back() = 'Z';  // a lost or doubled last byte shows
+    RecordSet ignored;
+    ASSERT_TRUE(DBExecuteSQLCommand(c, Statement("DELETE FROM t_text"), ignored));
+    ASSERT_TRUE(DBExecuteSQLCommand(
+        c, Statement("INSERT INTO t_text VALUES ('").Sql(text).Sql("', 'x')"), ignored));
+    RecordSet rs;
+    ASSERT_TRUE(DBExecuteSQLCommand(c, Statement("SELECT a, b FROM t_text"), rs));
+    const std::optional<std::string> back = rs.Field(0, "a");
+    ASSERT_TRUE(back.has_value()) << size;
+    EXPECT_EQ(back->size(), size);
+    EXPECT_TRUE(*back == text) << size;
+    EXPECT_EQ(rs.Field(0, "b"), "x") << size;
+  }
+}
+
 TEST_P(ConnectionTest, NumberDirectlyBeforeAndIsAccepted) {
   MustExecute({"CREATE TABLE t_num (a VARCHAR(10), b VARCHAR(10), n INTEGER)",
                "INSERT INTO t_num VALUES ('2AND', 'k', 2)",

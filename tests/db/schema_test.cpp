@@ -28,6 +28,44 @@ TEST(CreateTableStatement, UsesTheTypeSettingsWithNoOtherBlanks) {
   EXPECT_EQ(TableName(13), "tbl_kdx_logging_client");
 }
 
+TEST(CreateTableStatement, EveryTableIsCreatedWhole) {
+  DatabaseSettings s;
+  s.string_type = "S";
+  s.string_max_size = 77;
+  s.number_type = "N";
+  s.blob_type = "B";
+  // Every column, in order, with its width: a width of the schema is part of its contract
+  // with existing databases.
+  const char* const expected[] = {
+      "",
+      "CREATE TABLE tbl_kdx_tmp_string (tmp_string S(77))",
+      "CREATE TABLE tbl_kdx_tmp_number (tmp_number N)",
+      "CREATE TABLE tbl_kdx_tmp_blob (tmp_string S(1), tmp_blob B)",
+      "CREATE TABLE tbl_kdx_token (token_guid S(36), token_person S(77), token_description "
+      "S(77), token_creation S(19), token_last_use S(19), token_last_ip S(15), token_certificate "
+      "B, token_user_dn S(77))",
+      "CREATE TABLE tbl_kdx_groups (group_guid S(36), group_name S(77), group_description S(77), "
+      "group_abilities N)",
+      "CREATE TABLE tbl_kdx_token_groups (token_guid S(36), group_guid S(36))",
+      "CREATE TABLE tbl_kdx_backup (token_guid S(36), backup_name S(77), backup_index N, "
+      "backup_order N, backup_type N, backup_size N, backup_data B, backup_time S(19))",
+      "CREATE TABLE tbl_kdx_job_properties (action_guid S(36), action_name S(77), action_type N, "
+      "action_period N, action_priority N, action_first_time S(19), action_last_time S(19), "
+      "action_stopped N)",
+      "CREATE TABLE tbl_kdx_job_members (action_guid S(36), member_guid S(36))",
+      "CREATE TABLE tbl_kdx_job_data (action_guid S(36), action_data B, action_data_order N)",
+      "CREATE TABLE tbl_kdx_job_data_source (action_guid S(36), data_source S(77), "
+      "data_source_owner S(77))",
+      "CREATE TABLE tbl_kdx_job_state (action_guid S(36), token_guid S(36), last_time S(19), "
+      "action_counter N, success_counter N)",
+      "CREATE TABLE tbl_kdx_logging_client (token_guid S(36), user_name S(77), token_action "
+      "S(77), token_timestamp S(19), token_ip S(15), action_guid S(36), token_user_dn S(77))",
+  };
+  for (int index = 1; index <= 13; ++index) {
+    EXPECT_EQ(CreateTableStatement(index, s), expected[index]) << "table " << index;
+  }
+}
+
 TEST(TableStateName, NamesEveryState) {
   EXPECT_EQ(TableStateName(TableState::kUpToDate), "UpToDate");
   EXPECT_EQ(TableStateName(TableState::kConnectFailed), "ConnectFailed");

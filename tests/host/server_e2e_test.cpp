@@ -11,18 +11,6 @@ const std::string kGuid = "2C39BFC3-7130-4937-B329-6C0863EC8375";
 const std::string kTokenRemoved = "51|102|0||||36|" + kGuid;
 const std::string kEmpty102 = "14|102|0||||0|";
 
-// Reads one whole packet by its size field; "" when none came in time.
-std::string ReceivePacket(Client& client, int quiet_ms = 2000) {
-  std::string head;
-  while (head.find('|') == std::string::npos) {
-    const std::string c = client.Receive(1, quiet_ms);
-    if (c.empty()) return head;
-    head += c;
-  }
-  const size_t size = std::stoul(head.substr(0, head.find('|')));
-  return head + client.Receive(size - head.size(), quiet_ms);
-}
-
 TEST(ServerE2E, EchoIsAnsweredByteExactly) {
   ServerProcess server;
   Client client(server.port());
@@ -139,6 +127,96 @@ TEST(ServerE2E, TokenRemovalIsBroadcastBeforeTheEmptyReply) {
   // A malformed GUID is ignored.
   client.Send("19|102|0||||5|PC042");
   EXPECT_EQ(client.Receive(1, 200), "");
+}
+
+TEST(ServerE2E, ClientThatNeverReadsItsRepliesIsClosedAtMaxSendQueue) {
+  ServerProcess server("\"MaxSendQueue\"=dword:00004000");  // 16 KiB
+  Client reader(server.port());
+  Client idle(server.port(), 4096);
+  ASSERT_TRUE(server.WaitForLog("Socket_ConnectionRequest: 127.0.0.1 RequestID: ", 2));
+  // Far more replies than the kernel's buffers hold; the server closes the connection
+  // (and a send fails) once they and the queue are full.
+  std::string batch;
+  for (int i = 0; i < 10000; ++i) batch += kEcho;
+  size_t sent = 0;
+  while (sent < (32u << 20) && idle.TrySend(batch)) sent += batch.size();
+  ASSERT_TRUE(server.WaitForLog("Socket_Error: 2 ErrorNr: 105 ErrorDesc: send queue full"))
+      << "sent " << sent << " bytes";
+  EXPECT_TRUE(server.WaitForLog("Index = 2 -> Closing and unloading"));
+  // The other connection was never held up, and a new one takes the freed index.
+  reader.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(reader), kEcho);
+  Client next(server.port());
+  next.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(next), kEcho);
+}
+
+TEST(ServerE2E, ConsoleThatNeverReadsBroadcastsIsClosedAtMaxSendQueue) {
+  ServerProcess server("\"MaxSendQueue\"=dword:00010000");  // 64 KiB
+  Client console(server.port(), 4096);
+  console.Send("14|401|0||||0|");
+  ASSERT_NE(ReceivePacket(console).find("|401|0|"), std::string::npos);
+  // Every token removal is broadcast to the console, which reads none of them; the client
+  // reads its own replies.
+  Client client(server.port());
+  std::string batch;
+  for (int i = 0; i < 1000; ++i) batch += kTokenRemoved;
+  for (int round = 0; round < 200; ++round) {
+    if (ServerProcess::Count(server.Log(), "Socket_Error: 1") > 0) break;
+    client.Send(batch);
+    ASSERT_EQ(client.Receive(1000 * kEmpty102.size(), 5000).size(), 1000 * kEmpty102.size());
+  }
+  ASSERT_TRUE(server.WaitForLog("Socket_Error: 1 ErrorNr: 105 ErrorDesc: send queue full"));
+  EXPECT_TRUE(server.WaitForLog("Index = 1 -> Closing and unloading"));
+  client.Send(kEcho);
+  EXPECT_EQ(ReceivePacket(client), kEcho);
+}
+
+TEST(ServerE2E, ConnectionTakingAFormerConsolesIndexHearsNoBroadcasts) {
+  ServerProcess server;
+  Client console(server.port());
+  console.Send("14|401|0||||0|");
+  ASSERT_NE(ReceivePacket(console).find("|401|0|"), std::string::npos);
+  Client listener(server.port());
+  listener.Send("14|401|0||||0|");
+  ASSERT_NE(ReceivePacket(listener).find("|401|0|"), std::string::npos);
+  console.Close();
+  ASSERT_TRUE(server.WaitForLog("Index = 1 -> Closing and unloading"));
+  // The close notice goes to the remaining console.
+  EXPECT_NE(ReceivePacket(listener).find("|102|"), std::string::npos);
+  Client successor(server.port());
+  successor.Send(kEcho);
+  ASSERT_EQ(ReceivePacket(successor), kEcho);
+  ASSERT_TRUE(server.WaitForLog("DoSocketAction: ID: 311 Socket: 1 Daten gesendet"));
+  Client client(server.port());
+  client.Send(kTokenRemoved);
+  EXPECT_EQ(ReceivePacket(client), kEmpty102);
+  EXPECT_EQ(ReceivePacket(listener), "60|102|0|127.0.0.1|||36|" + kGuid);
+  EXPECT_EQ(successor.Receive(1, 300), "");
+}
+
+TEST(ServerE2E, StartWithoutALanguageFileEndsWithTheFixedMessage) {
+  // The language file is looked up beside the program: a copy of it alone has none.
+  const fs::path dir =
+      fs::temp_directory_path() / ("kalvo_e2e_nolang_" + std::to_string(::getpid()));
+  fs::remove_all(dir);
+  fs::create_directories(dir / "bin");
+  fs::copy_file(std::string(KALVO_BUILD_DIR) + "/kalvosrv", dir / "bin" / "kalvosrv");
+  std::ofstream(dir / "registry.reg") << "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\"
+                                         "Zentara]\r\n\"LogLevel\"=dword:00000001\r\n";
+  const std::string command = "LANG=C " + (dir / "bin" / "kalvosrv").string() +
+                              " --foreground --listen-address 127.0.0.1 --registry " +
+                              (dir / "registry.reg").string() + " --log-file " +
+                              (dir / "k.log").string() + " 2>" + (dir / "err").string();
+  const int status = std::system(command.c_str());
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_EQ(ReadFile(dir / "err"),
+            "Vaultara: This component of the Vaultara is not proper installed and will now end.\n");
+  const std::string log = ReadFile(dir / "k.log");
+  EXPECT_NE(log.find("Language file was not found -> loading will be stopped"), std::string::npos)
+      << log;
+  EXPECT_EQ(log.find("Now listening"), std::string::npos) << log;
+  fs::remove_all(dir);
 }
 
 TEST(ServerE2E, ServiceControlsArriveAsSignals) {

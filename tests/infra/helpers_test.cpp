@@ -11,6 +11,7 @@
 #include "infra/arrays.h"
 #include "infra/files.h"
 #include "infra/numbers.h"
+#include "infra/runtime_error.h"
 #include "infra/strings.h"
 
 namespace kalvo {
@@ -133,6 +134,33 @@ TEST(ArrayBounds, NeverFail) {
   EXPECT_EQ(ArrayUpper(table, 2), 1);
   EXPECT_EQ(ArrayCount(table, 3), 0);
   EXPECT_EQ(ArrayCount(no_rows, 2), 0);
+}
+
+TEST(CheckedAdd, SumsInsideThe32BitRangeAndFailsOutsideIt) {
+  const struct {
+    int64_t a, b;
+    std::optional<int32_t> sum;  // nothing: overflow
+    const char* why;
+  } cases[] = {
+      {INT32_MAX - 1, 1, INT32_MAX, "the upper bound itself"},
+      {INT32_MAX, 1, std::nullopt, "one above the upper bound"},
+      {INT32_MIN + 1, -1, INT32_MIN, "the lower bound itself"},
+      {INT32_MIN, -1, std::nullopt, "one below the lower bound"},
+      {INT32_MIN, 0, INT32_MIN, "the lower bound plus nothing"},
+      {-5, 3, -2, "an ordinary sum"},
+  };
+  for (const auto& c : cases) {
+    if (c.sum) {
+      EXPECT_EQ(CheckedAdd(c.a, c.b), *c.sum) << c.why;
+      continue;
+    }
+    try {
+      CheckedAdd(c.a, c.b);
+      ADD_FAILURE() << c.why << ": no overflow reported";
+    } catch (const RuntimeError& e) {
+      EXPECT_EQ(e.number(), kErrOverflow) << c.why;
+    }
+  }
 }
 
 TEST(RoundDirected, Table) {

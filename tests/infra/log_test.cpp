@@ -58,9 +58,9 @@ TEST_F(LogTest, LevelDecidesWhichLinesAreWritten) {
     const char* expected;  // the messages found in the file, in order
   } cases[] = {
       {"\"LogLevel\"=dword:00000001", "plain|forced|"},
-      {"", "forced|"},                            // level 0 (default): only forced lines
-      {"\"LogLevel\"=dword:ffffffff", ""},        // negative: nothing, not even forced lines
-      {"\"LogLevel\"=\"3\"", "plain|forced|"},    // a text level counts as its number
+      {"", "forced|"},                          // level 0 (default): only forced lines
+      {"\"LogLevel\"=dword:ffffffff", ""},      // negative: nothing, not even forced lines
+      {"\"LogLevel\"=\"3\"", "plain|forced|"},  // a text level counts as its number
   };
   for (const auto& c : cases) {
     fs::remove(LogPath());
@@ -78,11 +78,14 @@ TEST_F(LogTest, LevelDecidesWhichLinesAreWritten) {
 
 TEST_F(LogTest, LineIsDatedCrlfTerminatedUtf8) {
   Log log(Registry("\"LogLevel\"=dword:00000001"), LogPath());
-  log.WriteLog("Verbindung hergestellt: Gr\xFC\xDF" "e");
+  log.WriteLog(
+      "Verbindung hergestellt: Gr\xFC\xDF"
+      "e");
   const std::string text = Read(LogPath());
   EXPECT_TRUE(std::regex_match(
       text, std::regex("\\d\\d\\.\\d\\d\\.\\d{4} \\d\\d:\\d\\d:\\d\\d - Verbindung hergestellt: "
-                       "Gr\xC3\xBC\xC3\x9F" "e\r\n")))
+                       "Gr\xC3\xBC\xC3\x9F"
+                       "e\r\n")))
       << text;
 }
 
@@ -121,6 +124,28 @@ TEST_F(LogTest, FileAtTheLimitRotatesBeforeTheNextLine) {
   EXPECT_EQ(fs::file_size(LogPath() + ".bak"), 1024u * 1024u);
   const std::string text = Read(LogPath());
   EXPECT_EQ(text.find("first of the new generation"), 22u) << text;
+}
+
+TEST_F(LogTest, LineEndingAtTheLimitStaysAndOneByteMoreRotates) {
+  Log log(Registry("\"LogLevel\"=dword:00000001\r\n\"LogMaxSize\"=dword:00000001"), LogPath());
+  const std::string message = "the line at the limit";
+  // "dd.mm.yyyy hh:mm:ss - " and the message; the line break is not counted.
+  const size_t line = 22 + message.size();
+  const size_t limit = 1024 * 1024;
+  const struct {
+    size_t before;  // bytes in the file before the line
+    bool rotates;
+  } cases[] = {
+      {limit - line - 1, false},  // the line's text ends exactly at the limit
+      {limit - line, true},       // one byte further
+  };
+  for (const auto& c : cases) {
+    fs::remove(LogPath() + ".bak");
+    { std::ofstream(LogPath(), std::ios::binary) << std::string(c.before, 'a'); }
+    log.WriteLog(message);
+    EXPECT_EQ(fs::exists(LogPath() + ".bak"), c.rotates) << c.before;
+    EXPECT_EQ(fs::file_size(LogPath()), c.rotates ? line + 2 : c.before + line + 2) << c.before;
+  }
 }
 
 TEST_F(LogTest, ZeroLimitKeepsExactlyTheLastTwoLines) {
@@ -166,13 +191,15 @@ TEST(CDebugTest, ContinuedLineReportsTheElapsedMilliseconds) {
   CDebug trace;
   trace.SetProgName("KalvoAdm");
   const std::string open = trace.FormatLine("A", false);
-  EXPECT_TRUE(std::regex_match(open, std::regex("\\d\\d\\.\\d\\d-\\d\\d:\\d\\d:\\d\\d - KalvoAdm - A")))
+  EXPECT_TRUE(
+      std::regex_match(open, std::regex("\\d\\d\\.\\d\\d-\\d\\d:\\d\\d:\\d\\d - KalvoAdm - A")))
       << open;
   const std::string close = trace.FormatLine("B", true);
   EXPECT_TRUE(std::regex_match(close, std::regex("B \\(\\d+ms\\)\r\n"))) << close;
   // A fresh line again carries the stamp and no duration.
-  EXPECT_TRUE(std::regex_match(trace.FormatLine("C", true),
-                               std::regex("\\d\\d\\.\\d\\d-\\d\\d:\\d\\d:\\d\\d - KalvoAdm - C\r\n")));
+  EXPECT_TRUE(
+      std::regex_match(trace.FormatLine("C", true),
+                       std::regex("\\d\\d\\.\\d\\d-\\d\\d:\\d\\d:\\d\\d - KalvoAdm - C\r\n")));
 }
 
 TEST(CDebugTest, TraceFileRotatesAtItsMaximumSize) {
