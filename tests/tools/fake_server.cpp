@@ -28,7 +28,10 @@ Fd::~Fd() {
 }
 
 FakeServer::FakeServer(std::vector<std::string> replies)
-    : listener_(::socket(AF_INET, SOCK_STREAM, 0)), replies_(std::move(replies)) {
+    : FakeServer(std::vector<std::vector<std::string>>{std::move(replies)}) {}
+
+FakeServer::FakeServer(std::vector<std::vector<std::string>> exchanges)
+    : listener_(::socket(AF_INET, SOCK_STREAM, 0)), exchanges_(std::move(exchanges)) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -46,17 +49,26 @@ void FakeServer::Serve() {
   if (!WaitReadable(listener_.fd)) return;
   Fd conn(::accept(listener_.fd, nullptr, nullptr));
   char buf[4096];
-  while (WaitReadable(conn.fd)) {
-    const ssize_t n = ::read(conn.fd, buf, sizeof buf);
-    if (n <= 0) return;
-    received_.append(buf, static_cast<size_t>(n));
-    const int32_t size = SocketReadPackageSize(received_);
-    if (size > 0 && received_.size() >= static_cast<size_t>(size)) break;
+  size_t answered = 0;  // bytes of the requests already answered
+  for (const auto& replies : exchanges_) {
+    for (;;) {
+      const std::string_view pending = std::string_view(received_).substr(answered);
+      const int32_t size = SocketReadPackageSize(pending);
+      if (size > 0 && pending.size() >= static_cast<size_t>(size)) {
+        answered += static_cast<size_t>(size);
+        break;
+      }
+      if (!WaitReadable(conn.fd)) return;
+      const ssize_t n = ::read(conn.fd, buf, sizeof buf);
+      if (n <= 0) return;
+      received_.append(buf, static_cast<size_t>(n));
+    }
+    for (const auto& r : replies) {
+      if (::write(conn.fd, r.data(), r.size()) != static_cast<ssize_t>(r.size())) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
   }
-  for (const auto& r : replies_) {
-    if (::write(conn.fd, r.data(), r.size()) != static_cast<ssize_t>(r.size())) return;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  // Later bytes are not kept: the test may be reading received() by then.
   while (WaitReadable(conn.fd) && ::read(conn.fd, buf, sizeof buf) > 0) {
   }
 }

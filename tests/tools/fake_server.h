@@ -30,10 +30,13 @@ struct Fd {
 class FakeServer {
  public:
   explicit FakeServer(std::vector<std::string> replies);
+  // A conversation: for each exchange, reads one more whole packet, then sends its replies as
+  // above. A request that does not come ends the conversation.
+  explicit FakeServer(std::vector<std::vector<std::string>> exchanges);
   ~FakeServer();
 
   int port() const { return port_; }
-  // The bytes of the request; complete once the client has exited.
+  // The bytes of the requests; complete once the client has exited.
   const std::string& received() const { return received_; }
 
  private:
@@ -41,7 +44,7 @@ class FakeServer {
 
   Fd listener_;
   int port_ = 0;
-  std::vector<std::string> replies_;
+  std::vector<std::vector<std::string>> exchanges_;
   std::string received_;
   std::thread thread_;
 };

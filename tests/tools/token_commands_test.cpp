@@ -119,8 +119,9 @@ TEST_F(TokenCommandsTest, NoAnswerWithinTimeoutExitsWithOne) {
   const auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_EQ(run.exit_code, 1);
   EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "kalvoctl: no answer to request 301 from 127.0.0.1:" +
-                         std::to_string(server.port()) + " within 0.5 seconds\n");
+  EXPECT_EQ(run.err,
+            "kalvoctl: no answer to request 301 from 127.0.0.1:" + std::to_string(server.port()) +
+                " within 0.5 seconds: is this address in AdminAllowedAddresses?\n");
   EXPECT_LT(waited, std::chrono::seconds(4));
 }
 

@@ -1,11 +1,12 @@
 #include "kalvoctl/command_support.h"
 
+#include <algorithm>
 #include <iostream>
+#include <iterator>
 
 #include "infra/guid.h"
 #include "infra/json_text.h"
 #include "infra/text_encoding.h"
-#include "kalvoctl/client.h"
 #include "kalvoctl/commands.h"
 
 namespace kalvo::ctl {
@@ -41,23 +42,39 @@ const CLI::Validator kGuidArgument(
     },
     "GUID");
 
-std::optional<SocketDataStruct> Ask(const AskOptions& o, std::vector<SocketDataStruct> requests,
-                                    int32_t answer_id) {
-  const auto deadline = std::chrono::steady_clock::now() + ToDuration(o.timeout);
-  QuietLog quiet;
-  PacketClient client(quiet.log);
-  if (!client.Connect(o.connection.host, o.connection.port, ToDuration(o.timeout))) {
-    ConnectionFailed(client);
-    return std::nullopt;
+namespace {
+
+// The requests of token clients, which the server answers whatever the address; it serves
+// every other request only to the consoles its AdminAllowedAddresses names.
+constexpr int32_t kClientRequests[] = {101, 102, 115, 116, 117, 326, 327};
+
+bool IsConsoleRequest(int32_t id) {
+  return std::find(std::begin(kClientRequests), std::end(kClientRequests), id) ==
+         std::end(kClientRequests);
+}
+
+}  // namespace
+
+AskSession::AskSession(const AskOptions& o) : o_(o), client_(quiet_.log) {}
+
+std::optional<SocketDataStruct> AskSession::Ask(std::vector<SocketDataStruct> requests,
+                                                int32_t answer_id) {
+  const auto deadline = std::chrono::steady_clock::now() + ToDuration(o_.timeout);
+  if (!connected_) {
+    if (!client_.Connect(o_.connection.host, o_.connection.port, ToDuration(o_.timeout))) {
+      ConnectionFailed(client_);
+      return std::nullopt;
+    }
+    connected_ = true;
   }
   for (SocketDataStruct& request : requests) {
-    if (!client.Send(std::move(request))) {
-      ConnectionFailed(client);
+    if (!client_.Send(std::move(request))) {
+      ConnectionFailed(client_);
       return std::nullopt;
     }
   }
   std::optional<SocketDataStruct> answer;
-  const StopReason why = client.Receive(
+  const StopReason why = client_.Receive(
       [&](const SocketDataStruct& p) {
         if (p.PackageID != answer_id) return true;
         answer = p;
@@ -67,7 +84,7 @@ std::optional<SocketDataStruct> Ask(const AskOptions& o, std::vector<SocketDataS
   if (answer) return answer;
   switch (why) {
     case StopReason::kError:
-      ConnectionFailed(client);
+      ConnectionFailed(client_);
       break;
     case StopReason::kClosed:
       std::cerr << "kalvoctl: the server closed the connection before answering request "
@@ -78,10 +95,18 @@ std::optional<SocketDataStruct> Ask(const AskOptions& o, std::vector<SocketDataS
                 << "\n";
       break;
     default:
-      std::cerr << "kalvoctl: no answer to request " << answer_id << " from " << o.connection.host
-                << ":" << o.connection.port << " within " << o.timeout << " seconds\n";
+      std::cerr << "kalvoctl: no answer to request " << answer_id << " from " << o_.connection.host
+                << ":" << o_.connection.port << " within " << o_.timeout << " seconds";
+      if (IsConsoleRequest(answer_id)) std::cerr << ": is this address in AdminAllowedAddresses?";
+      std::cerr << "\n";
   }
   return std::nullopt;
+}
+
+std::optional<SocketDataStruct> Ask(const AskOptions& o, std::vector<SocketDataStruct> requests,
+                                    int32_t answer_id) {
+  AskSession session(o);
+  return session.Ask(std::move(requests), answer_id);
 }
 
 void PrintResult(std::string_view result, bool json) {

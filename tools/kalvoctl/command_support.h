@@ -11,11 +11,10 @@
 
 #include "infra/log.h"
 #include "infra/registry_store.h"
+#include "kalvoctl/client.h"
 #include "net/packet.h"
 
 namespace kalvo::ctl {
-
-class PacketClient;
 
 // Where the codec's log lines go: nowhere. A registry that does not exist leaves the log
 // level at 0, so nothing is written. `log` refers to `registry`, so the object stays put.
@@ -57,10 +56,30 @@ void AddAskOptions(CLI::App& sub, AskOptions& o);
 // check looks at what goes on the wire.
 extern const CLI::Validator kGuidArgument;
 
-// Connects, sends `requests` in order and waits, at most o.timeout seconds in all, for the
-// packet whose PackageID is `answer_id`; other packets (replies to the earlier requests,
-// broadcasts) are skipped. Gives the answer, or nothing after saying on standard error why
-// none came (exit with kExitConnection then).
+// One connection for several questions in a row, so that a read-modify-write happens in one
+// console session. `o` must outlive the session.
+class AskSession {
+ public:
+  explicit AskSession(const AskOptions& o);
+  AskSession(const AskSession&) = delete;
+  AskSession& operator=(const AskSession&) = delete;
+
+  // Connects on the first call, sends `requests` in order and waits, at most o.timeout seconds
+  // per call (the connection included), for the packet whose PackageID is `answer_id`; other
+  // packets (replies to the earlier requests, broadcasts) are skipped. Gives the answer, or
+  // nothing after saying on standard error why none came (exit with kExitConnection then).
+  // When a console request stays unanswered, the message asks whether this address is one the
+  // server serves: it ignores console requests from anywhere else without a word.
+  std::optional<SocketDataStruct> Ask(std::vector<SocketDataStruct> requests, int32_t answer_id);
+
+ private:
+  const AskOptions& o_;
+  QuietLog quiet_;
+  PacketClient client_;
+  bool connected_ = false;
+};
+
+// AskSession::Ask on a connection of its own.
 std::optional<SocketDataStruct> Ask(const AskOptions& o, std::vector<SocketDataStruct> requests,
                                     int32_t answer_id);
 // Prints the server's one-word answer (Windows-1252) to a request that changes something: the

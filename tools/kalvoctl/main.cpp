@@ -6,6 +6,8 @@
 #include "kalvoctl/action_commands.h"
 #include "kalvoctl/backup_commands.h"
 #include "kalvoctl/commands.h"
+#include "kalvoctl/settings_commands.h"
+#include "kalvoctl/sql_commands.h"
 #include "kalvoctl/token_commands.h"
 
 int main(int argc, char** argv) {
@@ -14,14 +16,17 @@ int main(int argc, char** argv) {
   app.footer(
       "send and listen print packets as they arrive, fields in wire order, texts in UTF-8 with "
       "control characters escaped (\\r, \\n, \\0, \\xNN; JSON: \\uNNNN). tokens, groups, "
-      "rights, audit, delete-token, backups, actions and action-details print a table, or with "
-      "--json one JSON document; "
+      "rights, audit, delete-token, backups, actions, action-details, settings and sql print a "
+      "table, or with --json one JSON document; "
       "backup-get writes the backup's bytes unchanged.\n"
       "Exit status: 0 success (also when no reply came to send), 1 the connection failed, the "
       "server closed it while listening or before answering, or no answer came within "
       "--timeout, 2 bad arguments or an unreadable --data-file, 3 the server answered that the "
-      "request failed (delete-token, backup-put, action-add, -stop, -start, -delete) or has no "
-      "such backup (backup-get).");
+      "request failed (delete-token, backup-put, action-add, -stop, -start, -delete), has no "
+      "such backup (backup-get), reports an SQL error (sql) or reported settings that cannot be "
+      "written back unchanged (settings --set, which then sends nothing). A console request "
+      "that stays unanswered may come from an address outside the server's "
+      "AdminAllowedAddresses: it ignores those without a word.");
   app.set_version_flag("--version", kalvo::GetVersionText("FileVersion"));
   int exit_code = kalvo::ctl::kExitOk;
   kalvo::ctl::AddSendCommand(app, exit_code);
@@ -35,6 +40,8 @@ int main(int argc, char** argv) {
   kalvo::ctl::AddBackupGetCommand(app, exit_code);
   kalvo::ctl::AddBackupPutCommand(app, exit_code);
   kalvo::ctl::AddActionCommands(app, exit_code);
+  kalvo::ctl::AddSettingsCommand(app, exit_code);
+  kalvo::ctl::AddSqlCommand(app, exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
