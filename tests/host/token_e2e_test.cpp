@@ -57,7 +57,6 @@ class PacketPeer {
   Client client_;
 };
 
-
 class TokenE2E : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -201,6 +200,22 @@ TEST_F(TokenE2E, TheConsoleCommandsWorkAgainstTheRealServer) {
   EXPECT_EQ(status, 0) << out;
   out = Kalvoctl(*server_, "tokens --json", status);
   EXPECT_EQ(out.find(kAnna), std::string::npos) << out;
+}
+
+TEST_F(TokenE2E, SqlAndSettingsFromTheShell) {
+  int status = -1;
+  std::string out =
+      Kalvoctl(*server_, "sql \"SELECT group_name FROM tbl_kdx_groups\" --json", status);
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find("\"columns\":[\"group_name\"]"), std::string::npos) << out;
+  EXPECT_NE(out.find("[\"Jeder\"]"), std::string::npos) << out;
+  out = Kalvoctl(*server_, "sql \"SELEKT 1\"", status);
+  EXPECT_EQ(status, 3) << out;
+  out = Kalvoctl(*server_, "settings --set BackupAdmin=5 --set AuditIsLimited=true --json", status);
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find("\"BackupAdmin\":5"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"AuditIsLimited\":true"), std::string::npos) << out;
+  EXPECT_NE(out.find("\"AuditIsActive\":true"), std::string::npos) << out;
 }
 
 // The packet's fields without its sizes, to compare with one a test writes down.
