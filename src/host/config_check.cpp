@@ -334,13 +334,13 @@ int ConfigureDatabaseFromShell(const ServerOptions& options, bool upgrade, std::
 
 int EncryptCredential(std::istream& in, std::ostream& out) {
   const std::string plain = Utf8ToCp1252(ReadLine(in));
-  out << EncryptText(plain, VersionInfoKeyText()) << "\n";
+  out << EncryptCredentialText(plain) << "\n";
   return 0;
 }
 
 int DecryptCredential(std::istream& in, std::ostream& out) {
   const std::string cipher = ReadLine(in);
-  out << Cp1252ToUtf8(DecryptText(cipher, VersionInfoKeyText())) << "\n";
+  out << Cp1252ToUtf8(DecryptCredentialText(cipher)) << "\n";
   return 0;
 }
 

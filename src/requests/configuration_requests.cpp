@@ -29,16 +29,14 @@ std::optional<int32_t> LogLevelFor(int32_t log_server) {
   return kLevels[log_server];
 }
 
-std::string Decrypt(std::string_view cipher) { return DecryptText(cipher, VersionInfoKeyText()); }
-std::string Encrypt(std::string_view plain) { return EncryptText(plain, VersionInfoKeyText()); }
-
-// The reply of a sub-command of 351: none while AdminLoginFlag is set (which it clears).
-void AnswerConfiguration(Request& r, std::string data) {
+// The silent reply of 350 and 351, which is not sent while AdminLoginFlag is set (a console
+// that has just announced itself with 501); the flag is cleared instead.
+void AnswerUnlessLoggingIn(Request& r, int32_t package_id, std::string data) {
   if (r.ctx.state.admin_login_flag) {
     r.ctx.state.admin_login_flag = false;
     return;
   }
-  r.SetReply(351, std::move(data));
+  r.SetReply(package_id, std::move(data));
   r.ReplySilently();
 }
 
@@ -46,7 +44,10 @@ void AnswerConfiguration(Request& r, std::string data) {
 std::string CheckConnection(Request& r) {
   const std::vector<std::string> f = Split(r.record().Data, kNul);
   if (f.size() != 3) return "ERROR";
-  return DBCheckConnection(r.ctx.database, f[0], Decrypt(f[1]), Decrypt(f[2])) ? "OK" : "ERROR";
+  return DBCheckConnection(r.ctx.database, f[0], DecryptCredentialText(f[1]),
+                           DecryptCredentialText(f[2]))
+             ? "OK"
+             : "ERROR";
 }
 
 // Sub-command 6: the eight configuration fields and the mode 1 to 4, joined by NUL. On
@@ -61,7 +62,7 @@ std::string ConfigureTables(Request& r) {
     return "-3";  // as for any other field that cannot be read
   }
   ConfigDatabaseHooks hooks;
-  hooks.decrypt = Decrypt;
+  hooks.decrypt = DecryptCredentialText;
   hooks.language = r.ctx.language;
   hooks.store = [&r](const DatabaseSettings& s) {
     Settings& held = r.ctx.settings;
@@ -74,8 +75,8 @@ std::string ConfigureTables(Request& r) {
     held.blob_type = s.blob_type;
     held.blob_max_size = s.blob_max_size;
     WriteSetting(r, "KDX\\DB", "DSN", s.dsn);
-    WriteSetting(r, "KDX\\DB", "LoginUser", Encrypt(s.user));
-    WriteSetting(r, "KDX\\DB", "LoginPass", Encrypt(s.password));
+    WriteSetting(r, "KDX\\DB", "LoginUser", EncryptCredentialText(s.user));
+    WriteSetting(r, "KDX\\DB", "LoginPass", EncryptCredentialText(s.password));
     WriteSetting(r, "KDX\\DB", "StringType", s.string_type);
     WriteSetting(r, "KDX\\DB", "StringMaxSize", s.string_max_size);
     WriteSetting(r, "KDX\\DB", "NumberType", s.number_type);
@@ -164,16 +165,12 @@ void UpdateSettings(Request& r) {
 }
 
 void ReportDatabaseSettings(Request& r) {
-  if (r.ctx.state.admin_login_flag) {
-    r.ctx.state.admin_login_flag = false;
-    return;
-  }
   const Settings& s = r.ctx.settings;
   // The password is never sent.
-  r.SetReply(350, Join({s.dsn, s.login_user, s.string_type, std::to_string(s.string_max_size),
-                        s.number_type, s.blob_type, std::to_string(s.blob_max_size)},
-                       "|"));
-  r.ReplySilently();
+  AnswerUnlessLoggingIn(r, 350,
+                        Join({s.dsn, s.login_user, s.string_type, std::to_string(s.string_max_size),
+                              s.number_type, s.blob_type, std::to_string(s.blob_max_size)},
+                             "|"));
 }
 
 void ConfigureDatabase(Request& r) {
@@ -193,7 +190,7 @@ void ConfigureDatabase(Request& r) {
       data = GetAllDSN(r.ctx.database.env()) + "\r\n" + s.dsn;
       break;
     case 3:
-      data = Encrypt(s.login_user) + "|" + Encrypt(s.login_pass);
+      data = EncryptCredentialText(s.login_user) + "|" + EncryptCredentialText(s.login_pass);
       break;
     case 4: {
       auto list = [&r](std::string_view name) {
@@ -204,7 +201,7 @@ void ConfigureDatabase(Request& r) {
       break;
     }
     case 5:
-      data = DBExecuteTest(r.ctx.database, r.record().Data, Decrypt);
+      data = DBExecuteTest(r.ctx.database, r.record().Data, DecryptCredentialText);
       break;
     case 6:
       data = ConfigureTables(r);
@@ -212,7 +209,7 @@ void ConfigureDatabase(Request& r) {
     default:
       break;
   }
-  AnswerConfiguration(r, std::move(data));
+  AnswerUnlessLoggingIn(r, 351, std::move(data));
 }
 
 std::string GetAllDSN(OdbcEnvironment& env) {

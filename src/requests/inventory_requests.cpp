@@ -30,9 +30,9 @@ void TestDatabase(Request& r) {
   if (f.size() < 7) {
     result = "unzureichende Konfigurationseinstellungen erhalten";
   } else {
-    const auto decrypt = [](std::string_view c) { return DecryptText(c, VersionInfoKeyText()); };
-    result = DBCheckDatabase(r.ctx.database, f, decrypt) + "\r\n";
-    result += DBCleanupCheckDatabase(r.ctx.database, f[0], decrypt(f[1]), decrypt(f[2]))
+    result = DBCheckDatabase(r.ctx.database, f, DecryptCredentialText) + "\r\n";
+    result += DBCleanupCheckDatabase(r.ctx.database, f[0], DecryptCredentialText(f[1]),
+                                     DecryptCredentialText(f[2]))
                   ? "Das Entfernen der angelegten Tabellen war erfolgreich!"
                   : "Das Entfernen der angelegten Tabellen war nicht erfolgreich!";
   }

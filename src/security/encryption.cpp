@@ -124,6 +124,14 @@ std::string DecryptText(std::string_view cipher, std::string_view key, Log* log)
   }
 }
 
+std::string EncryptCredentialText(std::string_view plain) {
+  return EncryptText(plain, VersionInfoKeyText());
+}
+
+std::string DecryptCredentialText(std::string_view cipher) {
+  return DecryptText(cipher, VersionInfoKeyText());
+}
+
 bool IsCipherText(std::string_view cipher) {
   const std::string text = RemoveNuls(cipher);
   auto hex_pairs = [](std::string_view t) {

@@ -20,6 +20,11 @@ class Log;
 // text. Server and administration consoles must agree on it.
 std::string VersionInfoKeyText();
 
+// The credential texts of the settings and of the consoles' configuration requests:
+// EncryptText and DecryptText under VersionInfoKeyText().
+std::string EncryptCredentialText(std::string_view plain);
+std::string DecryptCredentialText(std::string_view cipher);
+
 // The varying inputs of one encryption.
 struct CipherNoise {
   uint32_t tick_count = 0;  // milliseconds of a steady clock; the salt is built from it
