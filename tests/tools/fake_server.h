@@ -65,6 +65,10 @@ class KalvoctlTest : public ::testing::Test {
                    std::string misc3 = "");
   // `wire` decoded.
   SocketDataStruct Decode(const std::string& wire) { return SocketStringToStruct(log_, wire); }
+  // The command-line option that points kalvoctl at `server`.
+  static std::string Port(const FakeServer& server) {
+    return " --port " + std::to_string(server.port());
+  }
 
   RegistryStore registry_{"/nonexistent/kalvoctl-test.reg"};
   Log log_{registry_, "/dev/null"};

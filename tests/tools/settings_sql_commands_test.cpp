@@ -10,12 +10,7 @@ namespace {
 const std::string kReport = "3$5$2$1$2$0$True$500$False$True$1000$False$90";
 const std::string kAsk305 = "14|305|0||||0|";
 
-class SettingsSqlCommandsTest : public KalvoctlTest {
- protected:
-  static std::string Port(const FakeServer& server) {
-    return " --port " + std::to_string(server.port());
-  }
-};
+using SettingsSqlCommandsTest = KalvoctlTest;
 
 TEST_F(SettingsSqlCommandsTest, SqlSendsTheStatementAndPrintsTheResultSet) {
   FakeServer server({Wire(701, "Data:id|name$1|M\xFCller$2|")});

@@ -11,12 +11,7 @@ namespace {
 const std::string kG1 = "0A1B2C3D-0000-4000-8000-000000000001";
 const std::string kG2 = "0A1B2C3D-0000-4000-8000-000000000002";
 
-class TokenCommandsTest : public KalvoctlTest {
- protected:
-  static std::string Port(const FakeServer& server) {
-    return " --port " + std::to_string(server.port());
-  }
-};
+using TokenCommandsTest = KalvoctlTest;
 
 TEST_F(TokenCommandsTest, TokensAsksWithoutOwnTokenAndSkipsBroadcasts) {
   // A broadcast that reached the console before the answer must not be taken for it.
