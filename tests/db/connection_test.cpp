@@ -270,6 +270,27 @@ TEST(OdbcPooling, TestConfigurationTurnsPoolingOn) {
   EXPECT_EQ(OdbcDriverPoolTimeout("SQLite3"), "120");
 }
 
+// The [ODBC] switch as the driver manager reads it: yes, 1, on and true in any case; anything
+// else (No, 0, nothing) leaves pooling off.
+TEST(OdbcPooling, OnlyTheDriverManagersWordsForOnTurnItOn) {
+  SharedDatabases::Get();
+  const std::string saved = std::getenv("ODBCSYSINI");
+  TempDir dir;
+  ::setenv("ODBCSYSINI", dir.path().c_str(), 1);
+  for (const auto& [value, on] : std::vector<std::pair<std::string, bool>>{{"Yes", true},
+                                                                           {"1", true},
+                                                                           {"ON", true},
+                                                                           {"true", true},
+                                                                           {"No", false},
+                                                                           {"0", false},
+                                                                           {"", false},
+                                                                           {"2", false}}) {
+    std::ofstream(dir.path() / "odbcinst.ini") << "[ODBC]\nPooling = " << value << "\n";
+    EXPECT_EQ(OdbcPoolingEnabled(), on) << value;
+  }
+  ::setenv("ODBCSYSINI", saved.c_str(), 1);
+}
+
 KALVO_INSTANTIATE_ENGINES(ConnectionTest);
 KALVO_INSTANTIATE_ENGINES(BinaryColumnTest);
 

@@ -192,6 +192,20 @@ TEST_F(MaxPackageSizeTest, APacketAboveTheBoundIsDroppedAndLogged) {
   EXPECT_EQ(Data(Arrive(3, Wire(capture_.log(), 1, "ok"))), (Strings{"ok"}));
 }
 
+// A buffer of exactly the bound is not yet too long: it is its size field that is too big,
+// and the log names that size, not the buffer's.
+TEST_F(MaxPackageSizeTest, ABufferOfExactlyTheBoundIsJudgedByItsSizeField) {
+  std::string wire = "200|" + std::string(97, 'x');
+  ASSERT_EQ(wire.size(), 101u);
+  EXPECT_TRUE(Arrive(3, wire).empty());
+  EXPECT_FALSE(buffers_.Contains(3));
+  if (log_works_) {
+    EXPECT_EQ(capture_.Count("ReceiveBuffer of connection 3 dropped: size 200 exceeds "
+                             "MaxPackageSize 101"),
+              1);
+  }
+}
+
 TEST_F(MaxPackageSizeTest, APacketOfExactlyTheBoundIsServed) {
   const std::string wire = Wire(capture_.log(), 115, std::string(85, 'b'));
   ASSERT_EQ(wire.size(), 101u);
