@@ -16,6 +16,11 @@ constexpr int kServiceEventParamChange = 6;
 int RunService(const ServerOptions& options) {
   boost::asio::io_context io;
   Server server(io, options);
+  // Taken over before loading, so that a control sent as soon as the log says the server is
+  // loaded waits for its handler instead of ending the process (SIGUSR1's default action).
+  boost::asio::signal_set signals(io, SIGTERM, SIGINT, SIGUSR1);
+  signals.add(SIGUSR2);
+  signals.add(SIGHUP);
   server.FormLoad();
   if (server.StopLoading()) {
     server.FormQueryUnload(kUnloadFromCode);
@@ -30,9 +35,6 @@ int RunService(const ServerOptions& options) {
   sd_notifyf(0, "READY=1\nSTATUS=listening on port %u, 0 connections",
              static_cast<unsigned>(server.ListeningPort()));
 
-  boost::asio::signal_set signals(io, SIGTERM, SIGINT, SIGUSR1);
-  signals.add(SIGUSR2);
-  signals.add(SIGHUP);
   std::function<void(const boost::system::error_code&, int)> on_signal =
       [&](const boost::system::error_code& ec, int signal_number) {
         if (ec) return;
