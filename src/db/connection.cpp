@@ -358,6 +358,19 @@ bool DBConnect(DbConnection& connection) {
   return DBConnect(connection, s.dsn, s.user, s.password);
 }
 
+std::optional<std::string> DBConnectProblem(DbConnection& connection) {
+  const DatabaseSettings& s = connection.database().settings();
+  Log& log = connection.database().log();
+  try {
+    connection.Open(s.dsn, s.user, s.password);
+    log.WriteLog("DBConnect (OK)");
+    return std::nullopt;
+  } catch (const std::exception& e) {
+    log.LogError(0, e.what(), "DBConnect");
+    return std::string(e.what());
+  }
+}
+
 bool DBDisconnect(DbConnection& connection) {
   connection.Close();
   connection.database().log().WriteLog("DBDisconnect (OK)");

@@ -96,6 +96,10 @@ bool DBConnect(DbConnection& connection, std::string_view dsn, std::string_view 
 // The same with the DSN, user and password of the connection's Database settings.
 bool DBConnect(DbConnection& connection);
 
+// The same as DBConnect(connection), for callers that report the failure themselves: nothing
+// when it connected, else the driver's message.
+std::optional<std::string> DBConnectProblem(DbConnection& connection);
+
 // Closes the connection; logs "DBDisconnect (OK)" and returns true.
 bool DBDisconnect(DbConnection& connection);
 

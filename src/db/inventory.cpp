@@ -34,19 +34,6 @@ class CandidateDatabase {
   Database candidate_;
 };
 
-// Opens `connection` with its Database's settings; the driver's message when that fails.
-std::optional<std::string> OpenCandidate(DbConnection& connection) {
-  const DatabaseSettings& s = connection.database().settings();
-  try {
-    connection.Open(s.dsn, s.user, s.password);
-    connection.database().log().WriteLog("DBConnect (OK)");
-    return std::nullopt;
-  } catch (const std::exception& e) {
-    connection.database().log().LogError(0, e.what(), "DBConnect");
-    return std::string(e.what());
-  }
-}
-
 }  // namespace
 
 std::string DBGetColumnData(Database& database, std::string_view table, std::string_view column,
@@ -133,7 +120,7 @@ std::string DBCheckDatabase(Database& database, const std::vector<std::string>& 
     CandidateDatabase candidate(database, s);
     Database& db = candidate.get();
     DbConnection c(db);
-    if (!line("connect", OpenCandidate(c))) return report;
+    if (!line("connect", DBConnectProblem(c))) return report;
     // One step: its statement, and the driver's message when it fails.
     auto step = [&](std::string_view name, const Statement& statement) {
       RecordSet rs;

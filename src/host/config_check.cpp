@@ -75,18 +75,6 @@ std::string RegistryFileProblem(const std::string& path) {
   return "";
 }
 
-// The connect's failure in the driver's words, or nothing when it connects.
-std::optional<std::string> ConnectProblem(Database& database) {
-  DbConnection c(database);
-  const DatabaseSettings& s = database.settings();
-  try {
-    c.Open(s.dsn, s.user, s.password);
-    return std::nullopt;
-  } catch (const std::exception& e) {
-    return std::string(e.what());
-  }
-}
-
 // Whether `port` can be bound on `address` now: "" when it can, else the system's reason.
 std::string BindProblem(const std::string& address, int32_t port) {
   sockaddr_in where{};
@@ -145,14 +133,12 @@ void CheckPooling(OdbcEnvironment& env, const Settings& s, std::vector<Finding>&
 
 }  // namespace
 
-std::vector<Finding> Preflight(const ServerOptions& options, const PreflightScope& scope) {
+namespace {
+
+// The findings about a registry file that exists, read into `loaded`.
+std::vector<Finding> PreflightOf(const ServerOptions& options, Loaded& loaded,
+                                 const PreflightScope& scope) {
   std::vector<Finding> out;
-  if (std::string problem = RegistryFileProblem(options.registry_path); !problem.empty()) {
-    // Without the file every other check would only report defaults.
-    out.push_back({true, problem});
-    return out;
-  }
-  Loaded loaded(options);
   const Settings& s = loaded.settings;
   for (const std::string& w : loaded.warnings) {
     out.push_back({false, "registry file: " + U(w)});
@@ -203,7 +189,8 @@ std::vector<Finding> Preflight(const ServerOptions& options, const PreflightScop
   CheckPooling(env, s, out);
   if (scope.database && !s.dsn.empty()) {
     Database database(env, loaded.log, DatabaseSettingsFrom(s));
-    if (std::optional<std::string> problem = ConnectProblem(database)) {
+    DbConnection connection(database);
+    if (std::optional<std::string> problem = DBConnectProblem(connection)) {
       out.push_back({true, "the database cannot be reached: " + U(*problem) +
                                " - check DSN, LoginUser and LoginPass under KDX\\DB and that "
                                "the database server runs"});
@@ -226,11 +213,25 @@ std::vector<Finding> Preflight(const ServerOptions& options, const PreflightScop
   return out;
 }
 
+}  // namespace
+
+std::vector<Finding> Preflight(const ServerOptions& options, const PreflightScope& scope) {
+  if (std::string problem = RegistryFileProblem(options.registry_path); !problem.empty()) {
+    // Without the file every other check would only report defaults.
+    return {{true, problem}};
+  }
+  Loaded loaded(options);
+  return PreflightOf(options, loaded, scope);
+}
+
 int CheckConfig(const ServerOptions& options, std::ostream& out) {
   out << "registry file: " << options.registry_path << "\n";
-  const std::vector<Finding> findings = Preflight(options, PreflightScope{});
-  if (RegistryFileProblem(options.registry_path).empty()) {
+  std::vector<Finding> findings;
+  if (std::string problem = RegistryFileProblem(options.registry_path); !problem.empty()) {
+    findings.push_back({true, problem});
+  } else {
     Loaded loaded(options);
+    findings = PreflightOf(options, loaded, PreflightScope{});
     const Settings& s = loaded.settings;
     out << "log file: " << loaded.log.path() << "\n"
         << "KDX\\DB DSN = " << U(s.dsn) << "\n"
