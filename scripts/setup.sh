@@ -63,10 +63,10 @@ status=0
 # sanitizer report or a broken check of the target fails the run, and its input is kept
 # under build-fuzz/artifacts.
 CXX=clang++ cmake -S tests/fuzz -B build-fuzz >/dev/null
-cmake --build build-fuzz -j "$jobs" --target framing_fuzz reg_file_fuzz || status=1
+cmake --build build-fuzz -j "$jobs" --target framing_fuzz reg_file_fuzz connect_fuzz || status=1
 fuzz_dir=$(mktemp -d)
 mkdir -p build-fuzz/artifacts
-for target in framing reg_file; do
+for target in framing reg_file connect; do
   mkdir -p "$fuzz_dir/$target"
   cp tests/fuzz/corpus/$target/* "$fuzz_dir/$target/"
   build-fuzz/${target}_fuzz -max_total_time=60 -print_final_stats=1 \

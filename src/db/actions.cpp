@@ -99,6 +99,9 @@ bool IsUsableTime(std::string_view text, const std::tm& now) {
 bool DBSetActionData(Database& database, const ActionDefinition& a, bool replace) {
   return RunOperation(
       database, "DBSetActionData", ConnectFailure::kBang, false, [&](DbConnection& c, bool& ok) {
+        // The delete of the definition it replaces, its row, members, data and sources are one
+        // unit: a crash or a failed statement leaves the previous definition whole.
+        Transaction transaction(c);
         if (replace && DeleteAction(c, a.guid) != "OK") {
           throw RuntimeError(kErrInvalidCall, "the action to replace could not be deleted");
         }
@@ -148,7 +151,7 @@ bool DBSetActionData(Database& database, const ActionDefinition& a, bool replace
           sql.Value(a.guid).Sql("','").Value(source).Sql("','").Value(owner).Sql("')");
           MustExecute(c, sql);
         }
-        ok = true;
+        ok = transaction.Commit("DBSetActionData");
       });
 }
 

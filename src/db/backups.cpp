@@ -104,6 +104,9 @@ bool DBSetTokenBackupData(Database& database, const BackupMaxima& maxima, std::s
   return RunOperation(
       database, "DBSetTokenBackupData", ConnectFailure::kPlain, false,
       [&](DbConnection& c, bool& written) {
+        // The rotation, the shift and every part are one unit: a crash or a failed statement
+        // leaves the series as it was, never shifted without its new backup or with one cut.
+        Transaction transaction(c);
         const int32_t maximum = maxima.For(type);
         if (type != kAutomaticBackup) {
           Statement count = FromTokenBackups("SELECT COUNT(*) ", guid);
@@ -126,16 +129,9 @@ bool DBSetTokenBackupData(Database& database, const BackupMaxima& maxima, std::s
         const std::string now = FormatTimestamp(database.Now());
         for (size_t i = 0; i < parts.size(); ++i) {
           const int32_t part = static_cast<int32_t>(i + 1);
-          const std::string_view text = parts[i];
-          if (!WritePart(c, guid, name, type, part, text, now)) {
-            // The parts written so far would read back as a shorter backup: they go again.
-            Statement undo = FromTokenBackups("DELETE ", guid);
-            undo.Sql("AND backup_type = ").Number(type).Sql(" AND backup_index = 1");
-            Execute(c, undo);
-            return;
-          }
+          if (!WritePart(c, guid, name, type, part, parts[i], now)) return;
         }
-        written = true;
+        written = transaction.Commit("DBSetTokenBackupData");
       });
 }
 

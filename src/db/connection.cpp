@@ -206,14 +206,16 @@ bool ExecuteLogged(DbConnection& connection, const Statement& statement, RecordS
     } catch (const OdbcError& e) {
       if (IsCommunicationFailure(e.sql_state())) {
         connection.MarkBroken();
-        // A pooled connection whose server went away shows only here: the driver manager
-        // hands it out unchecked, and the driver learns of the end only when it sends. The
-        // drivers cannot say whether the statement reached the server before the connection
-        // ended, so the operation starts again only when that would not matter: nothing ran
-        // before, and this statement only reads. A time limit is no dead connection but a
-        // server that does not answer; another connection would only wait as long again.
+        // A kept or pooled connection whose server went away shows only here: the driver
+        // learns of the end only when it sends. The drivers cannot say whether the statement
+        // reached the server before the connection ended, so the operation starts again only
+        // when that would not matter: nothing ran before, and this statement only reads or
+        // runs inside a transaction (nothing is permanent before its commit). A time limit is
+        // no dead connection but a server that does not answer; another connection would only
+        // wait as long again.
         const bool timed_out = e.sql_state() == "HYT00" || e.sql_state() == "HYT01";
-        retry_elsewhere = first && !timed_out && connection.reconnect_when_dead() && OnlyReads(sql);
+        retry_elsewhere = first && !timed_out && connection.reconnect_when_dead() &&
+                          (OnlyReads(sql) || connection.in_transaction());
       }
       throw;
     }
@@ -226,6 +228,7 @@ bool ExecuteLogged(DbConnection& connection, const Statement& statement, RecordS
     db.SetLastError(error.number, error.description);
   }
   result = RecordSet{};
+  connection.NoteFailedStatement();
   db.log().LogError(db.last_error_number(), db.last_error_description(), "DBExecuteSQLCommand",
                     sql);
   db.log().WriteLog("DBExecuteSQLCommand (Error) " + braces);
@@ -278,51 +281,84 @@ std::optional<std::string> RecordSet::Field(size_t row, std::string_view name) c
   return rows[row][static_cast<size_t>(column)];
 }
 
+std::optional<std::string> ConnectAttributeProblem(std::string_view dsn, std::string_view user,
+                                                   std::string_view password) {
+  const struct {
+    std::string_view name, value;
+    size_t limit;
+  } fields[] = {{"data source name", dsn, kMaxDsnLength},
+                {"user", user, kMaxLoginLength},
+                {"password", password, kMaxLoginLength}};
+  for (const auto& f : fields) {
+    if (f.value.size() > f.limit) {
+      return "The " + std::string(f.name) + " is " + std::to_string(f.value.size()) +
+             " characters long; at most " + std::to_string(f.limit) + " are accepted";
+    }
+  }
+  return std::nullopt;
+}
+
 void DbConnection::Close() noexcept {
   if (!dbc_) return;
+  if (in_transaction_) EndTransaction(false);
+  OdbcEnvironment& env = database_->env();
   if (broken_) {
-    database_->env().DiscardConnectionHandle(std::move(dbc_));
+    env.DiscardConnectionHandle(std::move(dbc_));
+    env.DiscardOpen(key_);
   } else {
-    database_->env().ReleaseConnectionHandle(std::move(dbc_));
+    env.KeepOpen(std::move(key_), std::move(dbc_));
   }
+  key_.clear();
 }
 
 void DbConnection::Open(std::string_view dsn, std::string_view user, std::string_view password) {
   Close();
   broken_ = false;
   statements_tried_ = 0;
+  if (auto problem = ConnectAttributeProblem(dsn, user, password)) {
+    throw OdbcError(0, "HY090", *problem);
+  }
   OdbcEnvironment& env = database_->env();
+  std::string key = ConnectionKey(dsn, user, password);
+  const bool fresh = fresh_;
+  fresh_ = false;
   const int32_t seconds = database_->settings().timeout_seconds;
   std::string d(dsn), u(user), p(password);
   for (int attempt = 0;; ++attempt) {
-    DbcHandle dbc = env.AcquireConnectionHandle();
-    if (seconds > 0) {
-      const auto limit = reinterpret_cast<SQLPOINTER>(static_cast<SQLULEN>(seconds));
-      SQLSetConnectAttr(dbc.get(), SQL_ATTR_LOGIN_TIMEOUT, limit, 0);
-      SQLSetConnectAttr(dbc.get(), SQL_ATTR_CONNECTION_TIMEOUT, limit, 0);
+    DbcHandle dbc;
+    if (!fresh) dbc = env.TakeOpen(key);
+    const bool kept = static_cast<bool>(dbc);
+    if (!kept) {
+      dbc = env.AcquireConnectionHandle();
+      if (seconds > 0) {
+        const auto limit = reinterpret_cast<SQLPOINTER>(static_cast<SQLULEN>(seconds));
+        SQLSetConnectAttr(dbc.get(), SQL_ATTR_LOGIN_TIMEOUT, limit, 0);
+        SQLSetConnectAttr(dbc.get(), SQL_ATTR_CONNECTION_TIMEOUT, limit, 0);
+      }
+      const StallGuard::FdWindow before = StallGuard::Snapshot();
+      try {
+        GuardedCall(nullptr, env, seconds, "SQLConnect", [&] {
+          const SQLRETURN r = SQLConnect(dbc.get(), reinterpret_cast<SQLCHAR*>(d.data()), SQL_NTS,
+                                         reinterpret_cast<SQLCHAR*>(u.data()), SQL_NTS,
+                                         reinterpret_cast<SQLCHAR*>(p.data()), SQL_NTS);
+          CheckOdbc(r, SQL_HANDLE_DBC, dbc.get(), "SQLConnect");
+          return r;
+        });
+      } catch (...) {
+        // A handle that never connected holds nothing to keep out of use.
+        env.ReleaseConnectionHandle(std::move(dbc));
+        throw;
+      }
+      env.stall_guard().NoteNewSockets(before);
     }
-    const StallGuard::FdWindow before = StallGuard::Snapshot();
-    try {
-      GuardedCall(nullptr, env, seconds, "SQLConnect", [&] {
-        const SQLRETURN r = SQLConnect(dbc.get(), reinterpret_cast<SQLCHAR*>(d.data()), SQL_NTS,
-                                       reinterpret_cast<SQLCHAR*>(u.data()), SQL_NTS,
-                                       reinterpret_cast<SQLCHAR*>(p.data()), SQL_NTS);
-        CheckOdbc(r, SQL_HANDLE_DBC, dbc.get(), "SQLConnect");
-        return r;
-      });
-    } catch (...) {
-      // A handle that never connected holds nothing to keep out of use.
-      env.ReleaseConnectionHandle(std::move(dbc));
-      throw;
-    }
-    env.stall_guard().NoteNewSockets(before);
-    // The driver manager hands out pooled connections without trying them; where the driver
-    // already knows one is dead, it is not worth a statement.
+    // The driver manager hands out pooled connections without trying them, and a kept one
+    // may have ended since; where the driver already knows one is dead, it is not worth a
+    // statement.
     SQLUINTEGER dead = SQL_CD_FALSE;
     if (OdbcSucceeded(SQLGetConnectAttr(dbc.get(), SQL_ATTR_CONNECTION_DEAD, &dead, 0, nullptr)) &&
         dead == SQL_CD_TRUE) {
       env.DiscardConnectionHandle(std::move(dbc));
-      if (attempt == 0) continue;
+      if (kept || attempt == 0) continue;
       throw OdbcError(0, "08S01", "The database connection is dead");
     }
     char name[128] = {};
@@ -333,8 +369,70 @@ void DbConnection::Open(std::string_view dsn, std::string_view user, std::string
       dialect_ = Dialect::kOther;
     }
     dbc_ = std::move(dbc);
+    key_ = std::move(key);
     return;
   }
+}
+
+void DbConnection::BeginTransaction() {
+  if (!is_open()) throw OdbcError(0, "08003", "Connection not open");
+  CheckOdbc(SQLSetConnectAttr(dbc_.get(), SQL_ATTR_AUTOCOMMIT,
+                              reinterpret_cast<SQLPOINTER>(SQL_AUTOCOMMIT_OFF), SQL_IS_UINTEGER),
+            SQL_HANDLE_DBC, dbc_.get(), "SQLSetConnectAttr");
+  in_transaction_ = true;
+  transaction_failed_ = false;
+}
+
+bool DbConnection::EndTransaction(bool commit, std::string* error) noexcept {
+  if (!in_transaction_ || !dbc_) return false;
+  in_transaction_ = false;
+  bool ok = false;
+  try {
+    const int32_t seconds = database_->settings().timeout_seconds;
+    GuardedCall(this, database_->env(), seconds, "SQLEndTran", [&] {
+      const SQLRETURN rc =
+          SQLEndTran(SQL_HANDLE_DBC, dbc_.get(), commit ? SQL_COMMIT : SQL_ROLLBACK);
+      CheckOdbc(rc, SQL_HANDLE_DBC, dbc_.get(), "SQLEndTran");
+      return rc;
+    });
+    ok = true;
+  } catch (const std::exception& e) {
+    if (error != nullptr) *error = e.what();
+    // A commit that failed leaves the transaction to be rolled back.
+    if (commit) SQLEndTran(SQL_HANDLE_DBC, dbc_.get(), SQL_ROLLBACK);
+  } catch (...) {
+  }
+  // A connection that cannot return to autocommit would carry the unit into the next
+  // operation: it is not used again.
+  if (!OdbcSucceeded(SQLSetConnectAttr(dbc_.get(), SQL_ATTR_AUTOCOMMIT,
+                                       reinterpret_cast<SQLPOINTER>(SQL_AUTOCOMMIT_ON),
+                                       SQL_IS_UINTEGER))) {
+    broken_ = true;
+  }
+  return ok;
+}
+
+Transaction::Transaction(DbConnection& connection) : connection_(connection) {
+  connection_.BeginTransaction();
+}
+
+Transaction::~Transaction() {
+  if (!done_) connection_.EndTransaction(false);
+}
+
+bool Transaction::Commit(std::string_view operation) {
+  done_ = true;
+  if (connection_.transaction_failed()) {
+    // The failed statement is logged already; what it spoilt goes with it.
+    connection_.EndTransaction(false);
+    return false;
+  }
+  std::string error;
+  if (connection_.EndTransaction(true, &error)) return true;
+  Log& log = connection_.database().log();
+  log.LogError(0, error.empty() ? "The transaction could not be committed" : error, operation);
+  log.WriteLog("Commit (Error)");
+  return false;
 }
 
 bool DBConnect(DbConnection& connection, std::string_view dsn, std::string_view user,

@@ -24,10 +24,22 @@ class DeadConnection : public OdbcError {
   using OdbcError::OdbcError;
 };
 
+// The longest data source name, user and password that a connect passes on. The driver
+// manager refuses longer data source names itself; a user or password of 128 characters or
+// more would overrun the fixed buffers that its connection pool copies them into.
+inline constexpr size_t kMaxDsnLength = SQL_MAX_DSN_LENGTH;
+inline constexpr size_t kMaxLoginLength = 127;
+
+// Nothing when `dsn`, `user` and `password` fit the limits above; otherwise a text that names
+// the first one too long and its length (never its content).
+std::optional<std::string> ConnectAttributeProblem(std::string_view dsn, std::string_view user,
+                                                   std::string_view password);
+
 // One open (or not yet opened) database connection. Created per operation; the Database
-// must outlive it. Destroying a connected one disconnects it (back to the driver manager's
-// pool when pooling is on). The Database settings' timeout_seconds limits the login and every
-// statement (see StallGuard for a server that stops answering altogether).
+// must outlive it. Destroying a connected one closes it: a healthy connection stays open in
+// the environment for the next operation with the same settings (see OdbcEnvironment). The
+// Database settings' timeout_seconds limits the login and every statement (see StallGuard for a
+// server that stops answering altogether).
 class DbConnection {
  public:
   explicit DbConnection(Database& database) : database_(&database) {}
@@ -41,15 +53,19 @@ class DbConnection {
   // The engine's dialect, from the DBMS name the driver reported at connect.
   Dialect dialect() const { return dialect_; }
 
-  // Opens with SQLConnect; throws OdbcError. Closes a previous connection first. A pooled
+  // Opens with SQLConnect, or takes a connection that an earlier one with the same data source,
+  // user and password left open (unless set_fresh asked for a new one); throws OdbcError, also
+  // when ConnectAttributeProblem finds a text too long. Closes a previous connection first. A
   // connection that the driver reports dead (SQL_ATTR_CONNECTION_DEAD) is discarded and
-  // replaced by a fresh one.
+  // replaced by a new one.
   void Open(std::string_view dsn, std::string_view user, std::string_view password);
-  // Closes it (its handle goes back to the environment for reuse, unless the connection
-  // failed: then it is discarded); a closed connection stays closed. Never throws.
+  // Closes it (a transaction still open is rolled back; the connection stays open in the
+  // environment for the next operation, unless it failed: then it is discarded); a closed
+  // connection stays closed. Never throws.
   void Close() noexcept;
 
-  // Marks the connection as failed (a communication failure or time limit): Close discards it.
+  // Marks the connection as failed (a communication failure or time limit): Close discards it,
+  // and with it the other connections the environment keeps for the same settings.
   void MarkBroken() { broken_ = true; }
   bool broken() const { return broken_; }
   // Statements executed (or tried) since Open.
@@ -58,14 +74,54 @@ class DbConnection {
   // See DeadConnection; off unless an operation frame that can start again turns it on.
   void set_reconnect_when_dead(bool on) { reconnect_when_dead_ = on; }
   bool reconnect_when_dead() const { return reconnect_when_dead_; }
+  // With `on`, the next Open makes a new physical connection and takes none that was left
+  // open: the frame that starts an operation again after a dead connection asks for it.
+  void set_fresh(bool on) { fresh_ = on; }
+
+  // Transactions (see Transaction): statements executed between Begin and End are one unit.
+  // BeginTransaction throws OdbcError; EndTransaction returns false when the driver refused
+  // (a failed commit leaves nothing written) and always returns to autocommit.
+  void BeginTransaction();
+  bool EndTransaction(bool commit, std::string* error = nullptr) noexcept;
+  bool in_transaction() const { return in_transaction_; }
+  // Called for every statement that failed; one that fails inside a transaction spoils it
+  // (PostgreSQL refuses every later statement of it anyway), so its commit rolls back.
+  void NoteFailedStatement() { transaction_failed_ = transaction_failed_ || in_transaction_; }
+  bool transaction_failed() const { return transaction_failed_; }
 
  private:
   Database* database_;
   DbcHandle dbc_;
+  std::string key_;  // ConnectionKey of the open connection
   Dialect dialect_ = Dialect::kOther;
   bool broken_ = false;
   bool reconnect_when_dead_ = false;
+  bool fresh_ = false;
+  bool in_transaction_ = false;
+  bool transaction_failed_ = false;
   int statements_tried_ = 0;
+};
+
+// Makes the statements that an operation executes on `connection` from now on one unit: a crash
+// or a failure before Commit leaves the database as it was before them. Destroying an
+// uncommitted one (an early return or an exception) rolls back. The connection must outlive
+// it and must not start another one meanwhile.
+class Transaction {
+ public:
+  // Starts it; throws OdbcError when the connection cannot.
+  explicit Transaction(DbConnection& connection);
+  ~Transaction();
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+
+  // Makes the statements permanent. False, with nothing of the unit left, when a statement of
+  // it failed or the commit itself fails; the latter is logged with the driver's error under
+  // `operation` (the name of the operation that commits) and "Commit (Error)".
+  bool Commit(std::string_view operation);
+
+ private:
+  DbConnection& connection_;
+  bool done_ = false;
 };
 
 // The rows of one executed statement, fetched completely at execution. A statement that

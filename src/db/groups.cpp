@@ -80,6 +80,9 @@ bool DBSetGroupData(Database& database, std::string_view data) {
   return RunOperation(
       database, "DBSetGroupData", ConnectFailure::kPlain, false,
       [&](DbConnection& c, bool& result) {
+        // The groups are replaced as one unit: others never see them half written, and a crash
+        // or a failed statement leaves the previous groups.
+        Transaction transaction(c);
         if (!Execute(c, Statement("DELETE FROM tbl_kdx_groups WHERE group_guid IS NOT NULL")) ||
             !Execute(c,
                      Statement("DELETE FROM tbl_kdx_token_groups WHERE group_guid IS NOT NULL"))) {
@@ -89,7 +92,7 @@ bool DBSetGroupData(Database& database, std::string_view data) {
           for (const std::string& group : Split(data, kCrLf)) InsertGroup(c, Split(group, "|"));
         }
         RemoveOrphanedActionMembers(c);
-        result = true;
+        result = transaction.Commit("DBSetGroupData");
       });
 }
 

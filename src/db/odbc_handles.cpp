@@ -9,6 +9,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 
 #include "infra/ini_file.h"
 
@@ -82,6 +83,47 @@ void OdbcEnvironment::DiscardConnectionHandle(DbcHandle dbc) noexcept {
   } catch (...) {
     // Out of memory: freed instead.
   }
+}
+
+void OdbcEnvironment::KeepOpen(std::string key, DbcHandle dbc) noexcept {
+  if (!dbc) return;
+  try {
+    // A connection of another key than the newest is not taken again soon: the settings
+    // changed, or it served a one-off test of another data source.
+    std::erase_if(open_, [&](const OpenConnection& c) { return c.key != key; });
+    if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
+    open_.push_back(OpenConnection{std::move(key), std::move(dbc)});
+  } catch (...) {
+    // Out of memory: `dbc` is disconnected and freed as it goes.
+  }
+}
+
+DbcHandle OdbcEnvironment::TakeOpen(std::string_view key) {
+  for (auto it = open_.rbegin(); it != open_.rend(); ++it) {
+    if (it->key != key) continue;
+    DbcHandle dbc = std::move(it->dbc);
+    open_.erase(std::next(it).base());
+    return dbc;
+  }
+  return DbcHandle();
+}
+
+void OdbcEnvironment::DiscardOpen(std::string_view key) noexcept {
+  for (auto it = open_.begin(); it != open_.end();) {
+    if (it->key == key) {
+      DiscardConnectionHandle(std::move(it->dbc));
+      it = open_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+std::string ConnectionKey(std::string_view dsn, std::string_view user, std::string_view password) {
+  std::string key;
+  key.reserve(dsn.size() + user.size() + password.size() + 2);
+  key.append(dsn).append(1, '\0').append(user).append(1, '\0').append(password);
+  return key;
 }
 
 namespace {

@@ -150,11 +150,15 @@ class StallGuard {
 // allocated; the driver manager only pools when its odbcinst.ini enables it as well (see
 // OdbcPoolingEnabled). Throws OdbcError when the environment cannot be set up.
 //
-// It also keeps the connection handles of closed connections for reuse: the driver manager
-// of Debian 12 (unixODBC 2.3.11) leaks two character-set converters (about 64 KiB) for
-// every connection handle it frees, which a server that connects per request cannot
-// afford, while a handle that is disconnected and connected again leaks nothing. Not
-// thread-safe: all connections are made on one thread.
+// It keeps the connections of finished operations open for the next operation with the same
+// data source, user and password (KeepOpen / TakeOpen), so that an operation's connect costs
+// no round trip and no handle is freed per operation: the driver manager of Debian 12
+// (unixODBC 2.3.11) leaks two character-set converters (about 64 KiB) for every connection
+// handle it frees. A connection that failed is taken out of use for good (Discard). Because
+// healthy connections are kept here rather than handed back to the driver manager's pool, a
+// connect with a new physical connection (after one proved dead) really is new: the driver
+// manager hands out pooled connections without trying them. Not thread-safe: all connections
+// are made on one thread.
 class OdbcEnvironment {
  public:
   explicit OdbcEnvironment(bool pooling = true);
@@ -165,9 +169,15 @@ class OdbcEnvironment {
   // A connection handle (not connected) from the spare ones, or a new one; throws
   // OdbcError when none can be allocated.
   DbcHandle AcquireConnectionHandle();
-  // Disconnects `dbc` and keeps it for the next AcquireConnectionHandle (a few are kept;
-  // more are freed). Never throws.
+  // Disconnects `dbc` and keeps the handle for the next AcquireConnectionHandle (a few are
+  // kept; more are freed). Never throws.
   void ReleaseConnectionHandle(DbcHandle dbc) noexcept;
+  // Keeps `dbc`, connected with the data source, user and password that `key` stands for
+  // (see ConnectionKey), for the next TakeOpen of the same key. A few are kept; past that,
+  // and for other keys than the newest, the oldest is disconnected. Never throws.
+  void KeepOpen(std::string key, DbcHandle dbc) noexcept;
+  // The most recently kept connection of `key`, or an empty handle when there is none.
+  DbcHandle TakeOpen(std::string_view key);
   // Takes `dbc`, whose connection failed (a communication failure or a time limit), out of
   // use for good. It is kept connected rather than disconnected: the driver manager takes every
   // disconnected connection back into its pool and hands it out again unless the driver calls
@@ -175,19 +185,33 @@ class OdbcEnvironment {
   // A few are kept so (a server restart kills about as many as the pool holds); past that
   // they are freed. Never throws.
   void DiscardConnectionHandle(DbcHandle dbc) noexcept;
+  // Discards every kept connection of `key`: one of them failed, and the others lead to the
+  // same server. Never throws.
+  void DiscardOpen(std::string_view key) noexcept;
+  // Connections kept open (for tests).
+  size_t open_count() const { return open_.size(); }
 
   // The guard against database servers that stop answering; lives as long as this object.
   StallGuard& stall_guard() { return stall_guard_; }
 
  private:
+  struct OpenConnection {
+    std::string key;
+    DbcHandle dbc;
+  };
   static constexpr size_t kMaxSpareHandles = 8;
+  static constexpr size_t kMaxOpen = 8;
   static constexpr size_t kMaxDiscarded = 32;
   EnvHandle env_;
   // Declared after env_: destroyed (freed) before the environment is.
   std::vector<DbcHandle> spare_;
+  std::vector<OpenConnection> open_;  // oldest first
   std::vector<DbcHandle> discarded_;  // failed connections, still connected (see above)
   StallGuard stall_guard_;
 };
+
+// The text that identifies a data source, user and password among kept connections.
+std::string ConnectionKey(std::string_view dsn, std::string_view user, std::string_view password);
 
 // True when the driver manager's effective configuration turns pooling on: the [ODBC]
 // section of odbcinst.ini (in $ODBCSYSINI, else the system directory) says Pooling = Yes

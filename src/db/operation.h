@@ -26,9 +26,10 @@ inline std::string ReconnectLogLine(std::string_view name) {
 }
 
 // Runs `work(connection, result)` inside the frame described above and gives `result`, which
-// starts as `empty`. `work` may throw; nothing escapes this function. When a pooled connection
-// turns out dead at the operation's first statement (see DeadConnection), the work starts
-// once more from `empty` on a fresh connection; a second dead one fails the operation.
+// starts as `empty`. `work` may throw; nothing escapes this function. When a kept or pooled
+// connection turns out dead at the operation's first statement (see DeadConnection), the work
+// starts once more from `empty` on a newly opened connection (never another kept or pooled one,
+// which after a database restart would be just as dead); a second failure fails the operation.
 template <typename T, typename Work>
 T RunOperation(Database& database, std::string_view name, ConnectFailure failure, T empty,
                Work&& work) {
@@ -39,6 +40,7 @@ T RunOperation(Database& database, std::string_view name, ConnectFailure failure
     try {
       DbConnection connection(database);
       connection.set_reconnect_when_dead(attempt == 0);
+      connection.set_fresh(attempt > 0);
       if (!DBConnect(connection)) {
         log.LogError(0,
                      failure == ConnectFailure::kBang ? kConnectFailedTextBang : kConnectFailedText,

@@ -143,13 +143,14 @@ std::string DBDeleteToken(Database& database, std::string_view list) {
   };
   return RunOperation(database, "DBDeleteToken", ConnectFailure::kBang, std::string("ERROR"),
                       [&](DbConnection& c, std::string& result) {
-                        int failures = 0;
+                        // All rows of all listed tokens go as one unit, or none does.
+                        Transaction transaction(c);
                         for (const std::string& guid : Split(list, kCrLf)) {
                           for (std::string_view fixed : kDeletes) {
-                            if (!Execute(c, Statement(fixed).Value(guid).Sql("'"))) ++failures;
+                            if (!Execute(c, Statement(fixed).Value(guid).Sql("'"))) return;
                           }
                         }
-                        result = failures == 0 ? "OK" : "ERROR";
+                        if (transaction.Commit("DBDeleteToken")) result = "OK";
                       });
 }
 

@@ -261,6 +261,7 @@ int CheckConfig(const ServerOptions& options, std::ostream& out) {
         << "KDX MaxPackageSize = " << s.max_package_size << "\n"
         << "KDX MaxSendQueue = " << s.max_send_queue << "\n"
         << "KDX MaxBufferedBytes = " << s.max_buffered_bytes << "\n"
+        << "KDX MaxConnectionsPerAddress = " << s.max_connections_per_address << "\n"
         << "KDX AdminAllowedAddresses = " << U(s.admin_allowed_addresses) << "\n"
         << "KDX StatusPort = " << s.status_port << "\n"
         << "KDX CertificateLibrary = " << U(s.certificate_library) << "\n"

@@ -4,7 +4,6 @@
 #include <filesystem>
 
 #include "host/config_check.h"
-
 #include "infra/numbers.h"
 #include "infra/runtime_error.h"
 #include "infra/text_encoding.h"
@@ -96,6 +95,7 @@ void Server::FormLoad() {
     log_.WriteLog("DoStartupSettings completed");
     receive_buffers_.set_max_package_size(settings_.max_package_size);
     connections_.set_max_send_queue(static_cast<size_t>(settings_.max_send_queue));
+    connections_.set_max_connections_per_address(settings_.max_connections_per_address);
     receive_buffers_.set_max_buffered_bytes(settings_.max_buffered_bytes);
     registry_settings_ok_ = CheckRegistrySettings(settings_, log_);
     log_.WriteLog(std::string("Checking registry settings resulted ") +
@@ -317,6 +317,18 @@ void Server::OnError(int index, int number, const std::string& description) {
     LogCurrentException(log_, "Socket_Error");
   }
   SocketClose(index);
+}
+
+void Server::OnConnectionRefused(const std::string& remote_address, size_t refused,
+                                 const std::string& reason) {
+  try {
+    const std::string who = remote_address.empty() ? "a new connection" : remote_address;
+    log_.WriteLog("Socket_ConnectionRequest: " + who + " closed at once: " + reason + " (" +
+                  std::to_string(refused) + (refused == 1 ? " connection" : " connections") +
+                  " closed so since the last report)");
+  } catch (...) {
+    LogCurrentException(log_, "Socket_ConnectionRequest");
+  }
 }
 
 void Server::AuditConnection(int index, AuditAction action) {

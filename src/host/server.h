@@ -102,6 +102,8 @@ class Server : public ConnectionEvents {
   void OnSendProgress(int index, size_t bytes) override;
   void OnClose(int index) override;
   void OnError(int index, int number, const std::string& description) override;
+  void OnConnectionRefused(const std::string& remote_address, size_t refused,
+                           const std::string& reason) override;
 
   // Called whenever the number of connections changed (systemd status line).
   std::function<void(int connections)> on_connection_count_changed;

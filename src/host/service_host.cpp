@@ -1,9 +1,12 @@
 #include "host/service_host.h"
 
+#include <sys/resource.h>
 #include <systemd/sd-daemon.h>
 
 #include <boost/asio/signal_set.hpp>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 
 namespace kalvo {
 namespace {
@@ -21,6 +24,9 @@ int RunService(const ServerOptions& options) {
   boost::asio::signal_set signals(io, SIGTERM, SIGINT, SIGUSR1);
   signals.add(SIGUSR2);
   signals.add(SIGHUP);
+  // Before anything opens descriptors; the log can say so only once it exists.
+  const std::string descriptor_limit = RaiseDescriptorLimit();
+  server.log().WriteLog(descriptor_limit);
   server.FormLoad();
   if (server.StopLoading()) {
     server.FormQueryUnload(kUnloadFromCode);
@@ -69,6 +75,23 @@ int RunService(const ServerOptions& options) {
   signals.async_wait(on_signal);
   io.run();
   return 0;
+}
+
+std::string RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return std::string("Open file limit unknown: ") + std::strerror(errno);
+  }
+  const rlim_t before = limit.rlim_cur;
+  if (limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+      return "Open file limit " + std::to_string(before) + " (raising it to " +
+             std::to_string(limit.rlim_max) + " failed: " + std::strerror(errno) + ")";
+    }
+  }
+  return "Open file limit " + std::to_string(limit.rlim_cur) +
+         (before == limit.rlim_cur ? "" : " (raised from " + std::to_string(before) + ")");
 }
 
 }  // namespace kalvo

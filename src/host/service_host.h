@@ -12,4 +12,9 @@ namespace kalvo {
 // STATUS=. Gives the process exit code: 0 after a stop, 1 when loading was stopped.
 int RunService(const ServerOptions& options);
 
+// Raises the process's soft limit of open file descriptors to its hard limit, so that every
+// connection the unit's LimitNOFILE allows can be held, and gives the log line that states the
+// limit now in force (and the reason when it could not be raised).
+std::string RaiseDescriptorLimit();
+
 }  // namespace kalvo

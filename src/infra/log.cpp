@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <memory>
 
@@ -79,23 +80,53 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
       line = LogTimestamp() + " - " + line;
       const std::string bytes = Cp1252ToUtf8(line) + "\r\n";
       const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
+      // What failed, with the system's reason; empty once the line is written.
+      auto failed = [&](std::string_view what) {
+        return std::string(what) + " " + path_ + ": " + std::strerror(errno);
+      };
+      std::string problem;
       UniqueFd fd(::open(path_.c_str(), flags, 0644));
       struct stat st {};
-      if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) return;
-      // The write position is the file's length + 1 (1 for a new, empty file).
-      const int64_t position = static_cast<int64_t>(st.st_size) + 1;
-      if (static_cast<int64_t>(bytes.size() - 2) + position > limit && st.st_size > 0) {
-        // The backup is always the last full generation.
-        fd.Close();
-        ::unlink(backup_path_.c_str());
-        if (::rename(path_.c_str(), backup_path_.c_str()) != 0) return;
-        fd = UniqueFd(::open(path_.c_str(), flags, 0644));
+      if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) {
+        problem = failed("cannot open");
+      } else {
+        // The write position is the file's length + 1 (1 for a new, empty file).
+        const int64_t position = static_cast<int64_t>(st.st_size) + 1;
+        if (static_cast<int64_t>(bytes.size() - 2) + position > limit && st.st_size > 0) {
+          // The backup is always the last full generation.
+          fd.Close();
+          ::unlink(backup_path_.c_str());
+          if (::rename(path_.c_str(), backup_path_.c_str()) != 0) {
+            problem = failed("cannot rotate");
+          } else {
+            fd = UniqueFd(::open(path_.c_str(), flags, 0644));
+            if (fd.get() < 0) problem = failed("cannot open");
+          }
+        }
+        if (problem.empty() && !WriteAll(fd.get(), bytes)) problem = failed("cannot write to");
       }
-      if (fd.get() < 0 || !WriteAll(fd.get(), bytes)) return;
+      NoteWriteOutcome(problem);
+      if (!problem.empty()) return;
     }
     if (trace && trace_ != nullptr) trace_->Write(line, true);
   } catch (...) {
     // A failure loses this one line and nothing else.
+  }
+}
+
+void Log::NoteWriteOutcome(const std::string& problem) {
+  if (problem.empty() == !failing_) return;
+  failing_ = !problem.empty();
+  const std::string text = failing_ ? "kalvosrv: the log is not written (" + problem +
+                                          "); log lines are lost until it works again"
+                                    : "kalvosrv: the log file " + path_ + " is written again";
+  try {
+    if (problem_sink_) {
+      problem_sink_(text);
+    } else {
+      std::fprintf(stderr, "%s\n", text.c_str());
+    }
+  } catch (...) {
   }
 }
 

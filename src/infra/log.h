@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -41,6 +42,13 @@ class Log {
   void LogError(int32_t number, std::string_view description, std::string_view procedure,
                 std::string_view extra = "");
 
+  // Where the log reports, once each, that writing its file started failing (with the reason)
+  // and that it works again; standard error (the journal under systemd) unless set. Nothing is
+  // reported per lost line.
+  void SetProblemSink(std::function<void(const std::string&)> sink) {
+    problem_sink_ = std::move(sink);
+  }
+
   // The trace object for lines written with `trace`; may be null. Must outlive its use here.
   void SetTrace(CDebug* trace) { trace_ = trace; }
 
@@ -49,6 +57,8 @@ class Log {
  private:
   // Reads LogLevel and LogMaxSize as the registry holds them now.
   void ReadSettings(int32_t& level, int64_t& max_mib);
+  // Reports a change between writing and failing to write (`problem` empty: written).
+  void NoteWriteOutcome(const std::string& problem);
 
   RegistryStore& registry_;
   // The two settings as read from `settings_doc_`; read again whenever the store holds
@@ -59,6 +69,8 @@ class Log {
   std::string path_;
   std::string backup_path_;
   CDebug* trace_ = nullptr;
+  bool failing_ = false;
+  std::function<void(const std::string&)> problem_sink_;
 };
 
 // The present local date and time as the log writes it: "dd.mm.yyyy hh:mm:ss".

@@ -105,6 +105,8 @@ void ReadPlatformSettings(RegistryStore& registry, Settings& s) {
   number("KDX", "MaxPackageSize", kDefaultMaxPackageSize, 1, s.max_package_size);
   number("KDX", "MaxSendQueue", kDefaultMaxSendQueue, 1, s.max_send_queue);
   number("KDX", "MaxBufferedBytes", kDefaultMaxBufferedBytes, 1, s.max_buffered_bytes);
+  number("KDX", "MaxConnectionsPerAddress", kDefaultMaxConnectionsPerAddress, 0,
+         s.max_connections_per_address);
   number("KDX", "StatusPort", kDefaultStatusPort, 0, s.status_port);
   s.certificate_library = read("KDX", "CertificateLibrary", "../libbrennic.so").ToText();
   s.admin_allowed_addresses = read("KDX", "AdminAllowedAddresses", "").ToText();

@@ -25,6 +25,8 @@ inline constexpr int32_t kDefaultMaxPackageSize = 64 * 1024 * 1024;
 inline constexpr int32_t kDefaultMaxSendQueue = 8 * 1024 * 1024;
 // The default bound of the bytes all receive buffers hold together: 256 MiB.
 inline constexpr int32_t kDefaultMaxBufferedBytes = 256 * 1024 * 1024;
+// The default number of connections one address may hold open at once.
+inline constexpr int32_t kDefaultMaxConnectionsPerAddress = 256;
 // The default time limit of a database login and of one statement, in seconds.
 inline constexpr int32_t kDefaultDatabaseTimeout = 15;
 
@@ -66,6 +68,8 @@ struct Settings {
   int32_t max_package_size = kDefaultMaxPackageSize;
   int32_t max_send_queue = kDefaultMaxSendQueue;
   int32_t max_buffered_bytes = kDefaultMaxBufferedBytes;
+  // Connections one remote address may hold open at once; 0 = no limit.
+  int32_t max_connections_per_address = kDefaultMaxConnectionsPerAddress;
   int32_t status_port = kDefaultStatusPort;
   std::string certificate_library = "../libbrennic.so";
   // IPv4 addresses and CIDR ranges, comma-separated, that may send console requests;

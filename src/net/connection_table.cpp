@@ -1,5 +1,9 @@
 #include "net/connection_table.h"
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <boost/asio/ip/address_v4.hpp>
@@ -32,6 +36,10 @@ struct ConnectionTable::Slot {
 namespace {
 
 constexpr size_t kChunkBytes = 64 * 1024;
+// How often a refusal is reported for one address.
+constexpr std::chrono::minutes kRefusalReportInterval{1};
+
+UniqueFd OpenReserveDescriptor() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
 }  // namespace
 
@@ -41,7 +49,8 @@ ConnectionTable::ConnectionTable(asio::io_context& io, ConnectionEvents& events)
       acceptor_(io),
       accept_retry_(io),
       slots_(1),
-      read_buffer_(64 * 1024) {}
+      read_buffer_(64 * 1024),
+      reserve_fd_(OpenReserveDescriptor()) {}
 
 ConnectionTable::~ConnectionTable() { CloseAll(); }
 
@@ -77,9 +86,27 @@ void ConnectionTable::StopListening() {
 void ConnectionTable::Accept() {
   acceptor_.async_accept([this](const boost::system::error_code& ec, tcp::socket socket) {
     if (ec == asio::error::operation_aborted || !acceptor_.is_open()) return;
+    const bool no_descriptors = ec == asio::error::no_descriptors || ec.value() == ENFILE;
+    const Shed shed = no_descriptors ? ShedWithoutDescriptors() : Shed::kFailed;
+    if (shed == Shed::kClosedOne) {
+      // The connection that waited is closed, so the backlog never fills with connections
+      // nobody will serve; the next one may find a descriptor again.
+      ReportRefusal("", "no file descriptor is left (" + ec.message() + ")");
+      Accept();
+      return;
+    }
+    if (shed == Shed::kNoneWaiting) {
+      // The system refuses an accept without a free descriptor even when nobody waits; look
+      // again shortly (a connection that arrives meanwhile is closed then, and reported).
+      accept_retry_.expires_after(std::chrono::milliseconds(100));
+      accept_retry_.async_wait([this](const boost::system::error_code& wait_ec) {
+        if (!wait_ec && acceptor_.is_open()) Accept();
+      });
+      return;
+    }
     if (ec) {
-      // Out of descriptors, for example: the connection stays in the backlog, so accepting
-      // again at once would spin. Report it and try again a little later.
+      // Out of descriptors with none in reserve, for example: the connection stays in the
+      // backlog, so accepting again at once would spin. Report it and try again a little later.
       try {
         events_.OnError(0, ec.value(), ec.message());
       } catch (...) {
@@ -95,12 +122,23 @@ void ConnectionTable::Accept() {
     // Reads are made when the socket is ready and must never block the one thread.
     socket.non_blocking(true, ignored);
     const auto remote = socket.remote_endpoint(ignored);
+    std::string address = remote.address().is_v4() ? remote.address().to_v4().to_string()
+                                                   : remote.address().to_string();
+    if (const auto open = per_address_.find(address);
+        max_per_address_ > 0 && open != per_address_.end() && open->second >= max_per_address_) {
+      socket.close(ignored);
+      ReportRefusal(address, std::to_string(max_per_address_) +
+                                 " connections from this address are open "
+                                 "(MaxConnectionsPerAddress)");
+      Accept();
+      return;
+    }
     const int index = TakeLowestFreeIndex();
     if (index > 0) {
       auto& slot = slots_[index];
       slot = std::make_unique<Slot>(std::move(socket));
-      slot->remote_address = remote.address().is_v4() ? remote.address().to_v4().to_string()
-                                                      : remote.address().to_string();
+      slot->remote_address = std::move(address);
+      ++per_address_[slot->remote_address];
       ++count_;
       try {
         events_.OnConnectionRequest(index, slot->remote_address, ++request_id_);
@@ -111,6 +149,37 @@ void ConnectionTable::Accept() {
     // With every 16-bit index taken the connection is dropped: `socket` closes here.
     Accept();
   });
+}
+
+ConnectionTable::Shed ConnectionTable::ShedWithoutDescriptors() {
+  if (reserve_fd_.get() < 0) return Shed::kFailed;
+  reserve_fd_.Close();
+  const int fd = ::accept4(acceptor_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
+  const int error = errno;
+  if (fd >= 0) ::close(fd);
+  reserve_fd_ = OpenReserveDescriptor();
+  if (fd >= 0) return Shed::kClosedOne;
+  return error == EAGAIN || error == EWOULDBLOCK ? Shed::kNoneWaiting : Shed::kFailed;
+}
+
+void ConnectionTable::ReportRefusal(const std::string& address, const std::string& reason) {
+  const auto now = std::chrono::steady_clock::now();
+  if (refusals_.size() > 4096) {
+    // Addresses refused long ago need no memory.
+    std::erase_if(refusals_, [&](const auto& entry) {
+      return now - entry.second.reported >= kRefusalReportInterval;
+    });
+  }
+  auto [it, first] = refusals_.try_emplace(address);
+  Refusals& r = it->second;
+  ++r.unreported;
+  if (!first && now - r.reported < kRefusalReportInterval) return;
+  r.reported = now;
+  const size_t refused = std::exchange(r.unreported, 0);
+  try {
+    events_.OnConnectionRefused(address, refused, reason);
+  } catch (...) {
+  }
 }
 
 int ConnectionTable::TakeLowestFreeIndex() {
@@ -273,6 +342,9 @@ void ConnectionTable::Unload(int index) {
   // Pending completions compare the slot they were started for with the one now at their
   // index: keep the object alive until they ran by handing it to the io_context, so no new
   // slot can take its address meanwhile.
+  if (auto it = per_address_.find(slot->remote_address); it != per_address_.end()) {
+    if (--it->second == 0) per_address_.erase(it);
+  }
   asio::post(io_, [doomed = std::move(slots_[index])] {});
   free_indices_.insert(index);
   --count_;

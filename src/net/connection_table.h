@@ -6,14 +6,17 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
+#include "infra/unique_fd.h"
 #include "net/peer_table.h"
 
 namespace kalvo {
@@ -36,6 +39,14 @@ class ConnectionEvents {
   // A socket error on slot `index`; the slot stays loaded as for OnClose. Index 0 is the
   // listener failing to accept; it keeps listening and tries again shortly.
   virtual void OnError(int index, int number, const std::string& description) = 0;
+  // A new connection was closed at once without taking a slot: `remote_address` held as many
+  // connections as allowed, or ("" as the address) the process had no descriptor left for it.
+  // `refused` counts the connections so closed since the last report for the same address; one
+  // report per address and minute at most. The default does nothing.
+  virtual void OnConnectionRefused(const std::string& remote_address, size_t refused,
+                                   const std::string& reason) {
+    (void)remote_address, (void)refused, (void)reason;
+  }
 };
 
 class ConnectionTable : public PeerTable {
@@ -68,6 +79,11 @@ class ConnectionTable : public PeerTable {
   void set_max_send_queue(size_t bytes) { max_send_queue_ = bytes; }
   // The bytes of slot `index` that are queued or in flight; 0 when it is not loaded.
   size_t UnsentBytes(int index) const;
+  // The most connections one remote address may hold open at once (0: no limit); one more is
+  // closed as soon as it is accepted (see ConnectionEvents::OnConnectionRefused).
+  void set_max_connections_per_address(int32_t limit) {
+    max_per_address_ = limit > 0 ? static_cast<size_t>(limit) : 0;
+  }
   // Closes and unloads slot `index`, freeing its index; pending writes are dropped.
   void Unload(int index);
   // Closes every connection and the listener.
@@ -95,6 +111,11 @@ class ConnectionTable : public PeerTable {
   void Overflow(int index, size_t wanted);
   Slot* Find(int index) const;
   int TakeLowestFreeIndex();
+  // Accepts and closes at once what waits in the backlog while no descriptor is left, using the
+  // one held in reserve.
+  enum class Shed { kClosedOne, kNoneWaiting, kFailed };
+  Shed ShedWithoutDescriptors();
+  void ReportRefusal(const std::string& address, const std::string& reason);
 
   boost::asio::io_context& io_;
   ConnectionEvents& events_;
@@ -106,6 +127,14 @@ class ConnectionTable : public PeerTable {
   uint64_t request_id_ = 0;
   size_t max_send_queue_ = SIZE_MAX;
   std::vector<char> read_buffer_;  // shared: reads happen one at a time on this thread
+  size_t max_per_address_ = 0;
+  std::unordered_map<std::string, size_t> per_address_;  // open connections by address
+  struct Refusals {
+    std::chrono::steady_clock::time_point reported;
+    size_t unreported = 0;
+  };
+  std::unordered_map<std::string, Refusals> refusals_;  // by address; "" for no descriptors
+  UniqueFd reserve_fd_;  // given up for a moment to accept and close when descriptors run out
 };
 
 }  // namespace kalvo

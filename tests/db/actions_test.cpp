@@ -102,6 +102,25 @@ TEST_P(ActionsTest, ADefinitionIsStoredWithItsPartsAndReadBackWhole) {
   EXPECT_EQ(DBGetAllActions(db()), "");
 }
 
+TEST_P(ActionsTest, ADefinitionThatFailsPartWayLeavesThePreviousOneWhole) {
+  ActionDefinition a = Action(kA1);
+  a.data = std::string(2500, 'a');
+  ASSERT_TRUE(Define(a));
+  const std::string before = DBGetActionObjectData(db(), kA1);
+  // The replacement fails at its last data source, after the delete and the payload.
+  ActionDefinition b = Action(kA1);
+  b.data = std::string(2500, 'b');
+  b.sources = "ldap$admin\r\nx' OR 'a'='a$owner";
+  EXPECT_FALSE(Define(b, true));
+  EXPECT_EQ(DBGetActionObjectData(db(), kA1), before);
+  EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_job_members"), "1");
+  // A new definition that fails leaves no trace of itself.
+  b.guid = kA2;
+  EXPECT_FALSE(Define(b));
+  EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_job_properties"), "1");
+  EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_job_data"), "3");
+}
+
 TEST_P(ActionsTest, StatesFollowSpanStopAndValidity) {
   SetClock("2027-06-01-12-00-00");
   ASSERT_TRUE(Define(Action(kA1)));

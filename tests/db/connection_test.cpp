@@ -20,6 +20,52 @@ TEST_P(ConnectionTest, MissingDsnFailsToConnectAndIsLogged) {
   EXPECT_EQ(log.find("DBConnect (OK)"), std::string::npos) << log;
 }
 
+// With the driver manager's pooling on, a user or password of 128 characters or more would
+// overrun its pool's buffers and end the process: such texts never reach it.
+TEST_P(ConnectionTest, OverlongConnectionTextsFailBeforeTheDriverManager) {
+  const DatabaseSettings s = Settings();
+  const struct {
+    std::string dsn, user, password, logged;
+  } cases[] = {
+      {s.dsn, std::string(128, 'u'), s.password, "The user is 128 characters long"},
+      {s.dsn, s.user, std::string(255, 'p'), "The password is 255 characters long"},
+      {s.dsn, std::string(65536, 'u'), std::string(65536, 'p'), "The user is 65536"},
+      {std::string(33, 'd'), s.user, s.password, "The data source name is 33 characters"},
+  };
+  for (const auto& c : cases) {
+    ClearLog();
+    DbConnection connection(db());
+    EXPECT_FALSE(DBConnect(connection, c.dsn, c.user, c.password)) << c.logged;
+    EXPECT_NE(LogText().find(c.logged), std::string::npos) << LogText();
+    EXPECT_NE(LogText().find("DBConnect (Error)"), std::string::npos);
+  }
+  // At the limit the texts reach the driver, which accepts them (SQLite has no users) or
+  // refuses the login.
+  ClearLog();
+  DbConnection at_limit(db());
+  EXPECT_EQ(DBConnect(at_limit, s.dsn, std::string(127, 'u'), std::string(127, 'p')),
+            GetParam() == Engine::kSqlite);
+  EXPECT_EQ(LogText().find("characters long"), std::string::npos) << LogText();
+}
+
+TEST_P(ConnectionTest, ConnectionsAreKeptOpenForTheNextOperationWithTheSameSettings) {
+  OdbcEnvironment& env = SharedDatabases::Get().env();
+  MustExecute({"CREATE TABLE t_num (n INTEGER)"});
+  const size_t kept = env.open_count();
+  ASSERT_GE(kept, 1u);
+  {
+    DbConnection again(db());
+    ASSERT_TRUE(DBConnect(again));
+    EXPECT_EQ(env.open_count(), kept - 1) << "the kept one is taken";
+    // A transaction left open is rolled back before the connection is kept.
+    again.BeginTransaction();
+    RecordSet ignored;
+    ASSERT_TRUE(DBExecuteSQLCommand(again, Statement("INSERT INTO t_num VALUES (1)"), ignored));
+  }
+  EXPECT_EQ(env.open_count(), kept);
+  EXPECT_EQ(Query("SELECT COUNT(*) FROM t_num"), "0") << "the row went with the rollback";
+}
+
 TEST_P(ConnectionTest, CheckConnectionReportsSuccessAndFailure) {
   const DatabaseSettings s = Settings();
   EXPECT_TRUE(DBCheckConnection(db(), s.dsn, s.user, s.password));

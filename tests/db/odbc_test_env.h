@@ -145,25 +145,24 @@ class PgCluster {
       error_ = "initdb failed, see " + log;
       return false;
     }
-    cmd = run_as + kPgBin + "/pg_ctl -D '" + data.string() + "' -l '" +
-          (dir_ / "server.log").string() + "' -w -t 60 -o \"-p " + std::to_string(port_) + " -k '" +
-          dir_.string() +
-          "' -c listen_addresses=127.0.0.1 -c fsync=off -c synchronous_commit=off"
-          " -c full_page_writes=off\" start >>'" +
-          log + "' 2>&1";
-    if (std::system(cmd.c_str()) != 0) {
-      error_ = "pg_ctl start failed, see " + log + " and server.log";
-      return false;
-    }
     run_as_ = run_as;
-    started_ = true;
-    return true;
+    return StartServer();
   }
 
-  void Stop() {
+  // Stops the running cluster (its connections end, what was committed stays) and starts it
+  // again on the same port, as an administrator's restart does; false when it does not come
+  // back.
+  bool Restart() {
+    Stop("fast");
+    return StartServer();
+  }
+
+  // Stops the cluster; the immediate mode (the default) may lose the last commits, since the
+  // cluster runs without synchronous commits.
+  void Stop(const char* mode = "immediate") {
     if (!started_) return;
-    const std::string cmd = run_as_ + kPgBin + "/pg_ctl -D '" + (dir_ / "pg").string() +
-                            "' -m immediate -w stop >/dev/null 2>&1";
+    const std::string cmd = run_as_ + kPgBin + "/pg_ctl -D '" + (dir_ / "pg").string() + "' -m " +
+                            mode + " -w stop >/dev/null 2>&1";
     if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "pg_ctl stop failed\n");
     started_ = false;
   }
@@ -172,6 +171,22 @@ class PgCluster {
   const std::string& error() const { return error_; }
 
  private:
+  bool StartServer() {
+    const std::string log = (dir_ / "pg.log").string();
+    const std::string cmd = run_as_ + kPgBin + "/pg_ctl -D '" + (dir_ / "pg").string() + "' -l '" +
+                            (dir_ / "server.log").string() + "' -w -t 60 -o \"-p " +
+                            std::to_string(port_) + " -k '" + dir_.string() +
+                            "' -c listen_addresses=127.0.0.1 -c fsync=off -c synchronous_commit=off"
+                            " -c full_page_writes=off\" start >>'" +
+                            log + "' 2>&1";
+    if (std::system(cmd.c_str()) != 0) {
+      error_ = "pg_ctl start failed, see " + log + " and server.log";
+      return false;
+    }
+    started_ = true;
+    return true;
+  }
+
   std::filesystem::path dir_;
   std::string run_as_;
   std::string error_;

@@ -136,6 +136,10 @@ TEST_P(TokensTest, DeleteTokenRemovesEverythingOfItAndUnknownOnesAreNoFailure) {
   }
   EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_job_members"), "0");
   EXPECT_EQ(Query("SELECT token_guid FROM tbl_kdx_token"), kBert) << "the other token stays";
+
+  // A list that fails part way deletes none of its tokens.
+  EXPECT_EQ(DBDeleteToken(db(), std::string(kBert) + "\r\nx' OR 'a'='a"), "ERROR");
+  EXPECT_EQ(Query("SELECT token_guid FROM tbl_kdx_token"), kBert);
 }
 
 TEST_P(TokensTest, ValuesWithQuotesFailTheOperationWithoutReachingTheDatabase) {
@@ -219,11 +223,17 @@ TEST_P(GroupsTest, ActionMembersThatAreNeitherTokenNorGroupAreRemoved) {
   EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_job_members"), "2");
 }
 
-TEST_P(GroupsTest, AMalformedGroupEndsTheReplacementAndKeepsWhatWasWritten) {
-  const std::string data = std::string(kAdmins) + "|a||1|\r\n" + kUsers + "|u|";
-  EXPECT_FALSE(DBSetGroupData(db(), data));
-  EXPECT_TRUE(Logged("DBSetGroupData (Error)"));
-  EXPECT_EQ(Query("SELECT group_name FROM tbl_kdx_groups"), "a");
+TEST_P(GroupsTest, AReplacementThatFailsLeavesTheGroupsAsTheyWere) {
+  ASSERT_TRUE(DBSetGroupData(db(), std::string(kAdmins) + "|alt||1|"));
+  // Too few fields in the second group, a refused member in the second case.
+  for (const std::string& data :
+       {std::string(kUsers) + "|a||1|\r\n" + kAdmins + "|u|",
+        std::string(kUsers) + "|a||1|\r\n" + kAdmins + "|u||1|x' OR 'a'='a"}) {
+    ClearLog();
+    EXPECT_FALSE(DBSetGroupData(db(), data)) << data;
+    EXPECT_EQ(Query("SELECT group_name FROM tbl_kdx_groups"), "alt") << data;
+    EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_token_groups"), "0") << data;
+  }
 }
 
 TEST_P(GroupsTest, MemberChoicesAndGroupExpansion) {

@@ -12,62 +12,14 @@
 #include "infra/version.h"
 #include "net/packet.h"
 #include "net/socket_send.h"
+#include "packet_peer.h"
 #include "security/encryption.h"
 #include "server_process.h"
 
 namespace kalvo::testing {
 namespace {
 
-// A console connected from `source` (a loopback address) that speaks packets.
-class Console {
- public:
-  Console(int port, const char* source = "127.0.0.1") {
-    sockaddr_in from{};
-    from.sin_family = AF_INET;
-    ::inet_pton(AF_INET, source, &from.sin_addr);
-    if (::bind(fd_.get(), reinterpret_cast<sockaddr*>(&from), sizeof from) != 0) {
-      throw std::runtime_error("bind failed");
-    }
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(fd_.get(), reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
-      throw std::runtime_error("connect failed");
-    }
-  }
-
-  void Send(int32_t id, std::string data = "", std::string misc1 = "") {
-    SocketDataStruct p = Packet(id, std::move(data), std::move(misc1));
-    PrepareForSending(p, log_);
-    const std::string bytes = SocketStructToString(log_, p);
-    ASSERT_EQ(::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
-  }
-
-  // The next packet; PackageID 0 when nothing came within `quiet_ms`.
-  SocketDataStruct Receive(int quiet_ms = 10000) {
-    std::string bytes;
-    size_t size = 0;
-    while (size == 0 || bytes.size() < size) {
-      timeval tv{quiet_ms / 1000, (quiet_ms % 1000) * 1000};
-      ::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-      char buf[4096];
-      const size_t want = size == 0 ? 1 : std::min(sizeof buf, size - bytes.size());
-      const ssize_t n = ::recv(fd_.get(), buf, want, 0);
-      if (n <= 0) return {};
-      bytes.append(buf, static_cast<size_t>(n));
-      if (size == 0 && bytes.back() == '|') size = std::stoul(bytes);
-    }
-    return SocketStringToStruct(log_, bytes);
-  }
-
- private:
-  UniqueFd fd_{::socket(AF_INET, SOCK_STREAM, 0)};
-  RegistryStore registry_{"/nonexistent/kalvo/registry.reg"};
-  Log log_{registry_, "/dev/null"};
-};
-
+using Console = PacketPeer;
 
 const std::string kProduct = "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara";
 const std::string kDatabaseKey = kProduct + "\\KDX\\DB]\r\n\"DSN\"=\"" + kSqliteDsn +

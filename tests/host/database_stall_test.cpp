@@ -1,6 +1,6 @@
 // A database that hangs or goes away must not take the server with it: every operation gives
-// up after DatabaseTimeout, a pooled connection whose server has gone is replaced, and a
-// server that is down reads as such. Each test runs its own PostgreSQL cluster, which it
+// up after DatabaseTimeout, a kept connection whose server has gone is replaced by a new one,
+// and a server that is down reads as such. Each test runs its own PostgreSQL cluster, which it
 // stops or freezes.
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -21,6 +21,7 @@
 #include "db/schema.h"
 #include "infra/log.h"
 #include "infra/registry_store.h"
+#include "packet_peer.h"
 #include "security/encryption.h"
 #include "server_process.h"
 
@@ -140,14 +141,14 @@ class InProcessTest : public ClusterTest {
   std::string LogText() const { return ReadFile(dir_.path() / "test.log"); }
   void ClearLog() { std::ofstream(dir_.path() / "test.log", std::ios::trunc); }
 
-  // Leaves the pool with one idle connection whose backend has been terminated, as after a
-  // restart of the server: `keep` stays open (and out of the pool) on a live backend.
+  // Leaves one idle kept connection whose backend has been terminated, as after a restart of
+  // the server: `keep` stays open (and not kept for others) on a live backend.
   void PoolOnlyADeadConnection(DbConnection& keep) {
     {
       DbConnection doomed(*database_);
       ASSERT_TRUE(DBConnect(doomed));
       ASSERT_TRUE(DBConnect(keep));
-    }  // `doomed` goes back to the pool
+    }  // `doomed` is kept open for the next operation
     RecordSet rs;
     ASSERT_TRUE(DBExecuteSQLCommand(
         keep,
@@ -209,6 +210,44 @@ TEST_F(InProcessTest, OperationWhoseFirstStatementWritesIsNotRepeated) {
   EXPECT_EQ(LogText().find("(Error)"), std::string::npos) << LogText();
 }
 
+TEST_F(InProcessTest, AfterARestartTheFirstOperationsSucceedOnNewConnections) {
+  {
+    // Three connections open at once leave three kept ones behind, all dead after the restart.
+    DbConnection a(*database_), b(*database_), c(*database_);
+    ASSERT_TRUE(DBConnect(a) && DBConnect(b) && DBConnect(c));
+    RecordSet ignored;
+    ASSERT_TRUE(DBExecuteSQLCommand(a, Statement("CREATE TABLE t_once (n INTEGER)"), ignored));
+  }
+  ASSERT_EQ(env_->open_count(), 3u);
+  ASSERT_TRUE(cluster_.Restart()) << cluster_.error();
+  ClearLog();
+  EXPECT_EQ(RunOperation(*database_, "ReadOne", ConnectFailure::kPlain, std::string("none"),
+                         [](DbConnection& c, std::string& result) {
+                           result = QueryText(c, Statement("SELECT 40 + 2"), "", "", true, false);
+                         }),
+            "42")
+      << LogText();
+  EXPECT_EQ(ServerProcess::Count(LogText(), ReconnectLogLine("ReadOne")), 1);
+
+  ASSERT_TRUE(cluster_.Restart()) << cluster_.error();
+  // Inside a transaction even a first statement that writes may start again: nothing of it
+  // can have been committed.
+  EXPECT_TRUE(RunOperation(*database_, "WriteInUnit", ConnectFailure::kPlain, false,
+                           [](DbConnection& c, bool& result) {
+                             Transaction unit(c);
+                             result = Execute(c, Statement("INSERT INTO t_once VALUES (1)")) &&
+                                      unit.Commit("WriteInUnit");
+                           }))
+      << LogText();
+  EXPECT_EQ(ServerProcess::Count(LogText(), ReconnectLogLine("WriteInUnit")), 1);
+  EXPECT_EQ(RunOperation(*database_, "Count", ConnectFailure::kPlain, std::string(),
+                         [](DbConnection& c, std::string& result) {
+                           result = QueryText(c, Statement("SELECT COUNT(*) FROM t_once"), "", "",
+                                              true, false);
+                         }),
+            "1");
+}
+
 // The real server on the cluster, with DatabaseTimeout 2.
 class ServerOnClusterTest : public ClusterTest {
  protected:
@@ -251,6 +290,60 @@ TEST_F(ServerOnClusterTest, EchoIsAnsweredWithinTheTimeoutWhileTheDatabaseHangs)
   EXPECT_NE(ReceivePacket(console, 5000).find("|303|"), std::string::npos);
   EXPECT_NE(server.Log().find("the database did not answer within 2 s"), std::string::npos)
       << server.Log();
+}
+
+TEST_F(ServerOnClusterTest, TheFirstLogonAfterADatabaseRestartGetsTheTokensRights) {
+  {
+    RegistryStore registry("/nonexistent/kalvo/registry.reg");
+    Log quiet(registry, "/dev/null");
+    OdbcEnvironment env(true);
+    Database database(env, quiet, settings_);
+    DbConnection c(database);
+    ASSERT_TRUE(DBConnect(c));
+    ASSERT_EQ(DBCreateAllTables(c, settings_,
+                                [](std::string_view, std::string_view key) {
+                                  return std::string(key == "GROUP_EVERYONE" ? "Jeder" : "Alle");
+                                }),
+              0);
+  }
+  ServerProcess server("", DatabaseKey());
+  auto rights = [&] {
+    PacketPeer client(server.port());
+    const SocketDataStruct reply =
+        client.Exchange(101, "A1B2C3D4-0000-4000-8000-00000000000A", "", "anna");
+    return reply.PackageID == 101 ? reply.Misc1 : "no reply";
+  };
+  const std::string before = rights();
+  ASSERT_NE(before, "0") << server.Log();
+  ASSERT_TRUE(cluster_.Restart()) << cluster_.error();
+  EXPECT_EQ(rights(), before) << server.Log();
+}
+
+TEST_F(ServerOnClusterTest, OverlongCredentialsFailLikeAFailedConnectAndTheServerLives) {
+  ServerProcess server("", DatabaseKey());
+  const std::string key = VersionInfoKeyText();
+  const std::string nul(1, '\0');
+  PacketPeer console(server.port());
+  for (const char* dsn : {kSqliteDsn, kPostgresDsn}) {
+    for (const size_t length : {size_t{255}, size_t{1024}, size_t{65536}}) {
+      const std::string lengthy = EncryptText(std::string(length, 'u'), key);
+      const std::string fine = EncryptText("kalvo", key);
+      // The database test with an overlong user, the connection check with an overlong
+      // password: each answered as when the connect fails.
+      const SocketDataStruct test = console.Exchange(
+          313, std::string(dsn) + "|" + lengthy + "|" + fine + "|VARCHAR|255|INTEGER|BYTEA", "");
+      EXPECT_EQ(test.PackageID, 313) << dsn << " " << length << "\n" << server.Log();
+      EXPECT_TRUE(test.Data.starts_with("ERROR: connect: The user is")) << test.Data;
+      const SocketDataStruct check =
+          console.Exchange(351, std::string(dsn) + nul + fine + nul + lengthy, "1");
+      EXPECT_EQ(check.Data, "ERROR") << dsn << " " << length;
+      EXPECT_TRUE(server.WaitForLog("The user is " + std::to_string(length) +
+                                    " characters long; at most 127 are accepted"));
+      EXPECT_TRUE(server.WaitForLog("The password is " + std::to_string(length) +
+                                    " characters long; at most 127 are accepted"));
+    }
+  }
+  EXPECT_EQ(console.Exchange(311).PackageID, 311) << "still serving";
 }
 
 }  // namespace

@@ -131,11 +131,18 @@ class ServerProcess {
 class Client {
  public:
   // With `receive_buffer` > 0 the socket's receive buffer is made that small before it
-  // connects, so that a peer that does not read fills it quickly.
-  explicit Client(int port, int receive_buffer = 0) {
+  // connects, so that a peer that does not read fills it quickly. `source` is the loopback
+  // address it connects from.
+  explicit Client(int port, int receive_buffer = 0, const char* source = "127.0.0.1") {
     fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
     if (receive_buffer > 0) {
       ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+    }
+    sockaddr_in from{};
+    from.sin_family = AF_INET;
+    ::inet_pton(AF_INET, source, &from.sin_addr);
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0) {
+      throw std::runtime_error("bind failed");
     }
     sockaddr_in addr{};
     addr.sin_family = AF_INET;

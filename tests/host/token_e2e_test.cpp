@@ -12,6 +12,7 @@
 #include "infra/log.h"
 #include "net/packet.h"
 #include "net/socket_send.h"
+#include "packet_peer.h"
 #include "server_process.h"
 
 namespace kalvo::testing {
@@ -23,38 +24,6 @@ constexpr const char* kAnna = "A1B2C3D4-0000-4000-8000-00000000000A";
 struct QuietLog {
   RegistryStore registry{"/nonexistent/kalvo/registry.reg"};
   Log log{registry, "/dev/null"};
-};
-
-// A client that speaks packets.
-class PacketPeer {
- public:
-  explicit PacketPeer(int port) : client_(port) {}
-
-  void Send(int32_t id, std::string data = "", std::string misc1 = "", std::string misc2 = "",
-            std::string misc3 = "") {
-    SocketDataStruct p =
-        Packet(id, std::move(data), std::move(misc1), std::move(misc2), std::move(misc3));
-    PrepareForSending(p, quiet_.log);
-    client_.Send(SocketStructToString(quiet_.log, p));
-  }
-
-  // The next packet; PackageID 0 when none came within `quiet_ms`.
-  SocketDataStruct Receive(int quiet_ms = 5000) {
-    std::string head;
-    while (head.find('|') == std::string::npos) {
-      const std::string c = client_.Receive(1, quiet_ms);
-      if (c.empty()) return {};
-      head += c;
-    }
-    const size_t size = std::stoul(head.substr(0, head.find('|')));
-    return SocketStringToStruct(quiet_.log, head + client_.Receive(size - head.size(), quiet_ms));
-  }
-
-  void Close() { client_.Close(); }
-
- private:
-  QuietLog quiet_;
-  Client client_;
 };
 
 class TokenE2E : public ::testing::Test {

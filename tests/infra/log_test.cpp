@@ -226,5 +226,25 @@ TEST(CDebugTest, HelpersOnPathsAndLineBreaks) {
   EXPECT_EQ(CDebug::RemoveLineBreaks("a\r\nb\nc"), "a  b c");
 }
 
+TEST_F(LogTest, AFileThatCannotBeWrittenIsReportedOnceWhenItFailsAndOnceWhenItWorksAgain) {
+  Log log(Registry("\"LogLevel\"=dword:00000001"), (dir_ / "gone" / "kalvosrv.log").string());
+  std::vector<std::string> reports;
+  log.SetProblemSink([&](const std::string& line) { reports.push_back(line); });
+  log.WriteLog("one");
+  log.WriteLog("two");
+  log.WriteLog("three");
+  ASSERT_EQ(reports.size(), 1u) << "nothing per lost line";
+  EXPECT_NE(reports[0].find("cannot open " + (dir_ / "gone" / "kalvosrv.log").string() +
+                            ": No such file or directory"),
+            std::string::npos)
+      << reports[0];
+  fs::create_directories(dir_ / "gone");
+  log.WriteLog("four");
+  log.WriteLog("five");
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_NE(reports[1].find("is written again"), std::string::npos) << reports[1];
+  EXPECT_NE(Read(dir_ / "gone" / "kalvosrv.log").find("five"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace kalvo

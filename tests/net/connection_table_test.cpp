@@ -1,6 +1,9 @@
 #include "net/connection_table.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <cerrno>
@@ -84,8 +87,13 @@ struct Recorder : NoEvents {
   void OnError(int index, int number, const std::string& description) override {
     errors.push_back(std::to_string(index) + " " + std::to_string(number) + " " + description);
   }
+  void OnConnectionRefused(const std::string& address, size_t refused,
+                           const std::string& reason) override {
+    refusals.push_back(address + " " + std::to_string(refused) + " " + reason);
+  }
   std::vector<int> accepted;
   std::vector<std::string> errors;
+  std::vector<std::string> refusals;
 };
 
 // A listening table with clients connected to it on loopback.
@@ -95,16 +103,29 @@ class TableWithClients : public ::testing::Test {
     std::string error;
     ASSERT_TRUE(table_.Listen(0, &error, "127.0.0.1")) << error;
   }
-  // Connects a client (with a small receive buffer) and gives the index it got.
-  int Connect() {
+  // Connects a client (with a small receive buffer, from `from`) and gives the index it got,
+  // -1 when the table took none.
+  int Connect(const char* from = "127.0.0.1") {
     auto& client = clients_.emplace_back(std::make_unique<tcp::socket>(io_));
     client->open(tcp::v4());
     client->set_option(asio::socket_base::receive_buffer_size(4096));
+    client->bind({asio::ip::make_address_v4(from), 0});
     client->connect({asio::ip::address_v4::loopback(), table_.LocalPort()});
     const size_t before = events_.accepted.size();
-    while (events_.accepted.size() == before && io_.run_one_for(std::chrono::seconds(3)) > 0) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (events_.accepted.size() == before && std::chrono::steady_clock::now() < deadline &&
+           !PeerClosed(*client)) {
+      io_.run_one_for(std::chrono::milliseconds(20));
     }
     return events_.accepted.size() > before ? events_.accepted.back() : -1;
+  }
+  // True when the table closed the connection of `client` (what it reads ends).
+  static bool PeerClosed(tcp::socket& client) {
+    client.non_blocking(true);
+    char byte;
+    boost::system::error_code ec;
+    client.read_some(asio::buffer(&byte, 1), ec);
+    return ec == asio::error::eof || ec == asio::error::connection_reset;
   }
   // Runs what is ready without waiting.
   void Poll() {
@@ -181,6 +202,71 @@ TEST_F(TableWithClients, SingleReplyLargerThanTheLimitIsSentWhole) {
   EXPECT_EQ(got, reply.size());
   EXPECT_TRUE(received == reply);
   EXPECT_TRUE(events_.errors.empty());
+}
+
+TEST_F(TableWithClients, ConnectionsBeyondTheLimitOfOneAddressAreClosedAtOnce) {
+  table_.set_max_connections_per_address(2);
+  EXPECT_EQ(Connect(), 1);
+  EXPECT_EQ(Connect(), 2);
+  for (int extra = 0; extra < 3; ++extra) {
+    EXPECT_EQ(Connect(), -1) << "over the limit";
+    EXPECT_TRUE(PeerClosed(*clients_.back()));
+  }
+  ASSERT_EQ(events_.refusals.size(), 1u) << "one report per address and minute";
+  EXPECT_EQ(events_.refusals[0],
+            "127.0.0.1 1 2 connections from this address are open (MaxConnectionsPerAddress)");
+  EXPECT_EQ(Connect("127.0.0.2"), 3) << "another address is served";
+  table_.Unload(1);
+  EXPECT_EQ(Connect(), 1) << "a closed connection makes room";
+  table_.set_max_connections_per_address(0);
+  EXPECT_EQ(Connect(), 4) << "0 is no limit";
+}
+
+// Lowers the soft limit of open descriptors to the lowest free one for its lifetime: no new
+// descriptor can be opened meanwhile.
+class NoFreeDescriptors {
+ public:
+  NoFreeDescriptors() {
+    ::getrlimit(RLIMIT_NOFILE, &saved_);
+    const int lowest_free = ::open("/dev/null", O_RDONLY);
+    ::close(lowest_free);
+    rlimit lowered = saved_;
+    lowered.rlim_cur = static_cast<rlim_t>(lowest_free);
+    ::setrlimit(RLIMIT_NOFILE, &lowered);
+  }
+  ~NoFreeDescriptors() { ::setrlimit(RLIMIT_NOFILE, &saved_); }
+
+ private:
+  rlimit saved_{};
+};
+
+TEST_F(TableWithClients, WithoutDescriptorsNewConnectionsAreClosedInsteadOfLeftWaiting) {
+  // The clients' sockets exist before the limit is lowered; connecting needs no descriptor.
+  std::vector<tcp::socket> clients;
+  for (int i = 0; i < 3; ++i) clients.emplace_back(io_).open(tcp::v4());
+  {
+    NoFreeDescriptors exhausted;
+    for (int i = 0; i < 2; ++i) {
+      clients[i].connect({asio::ip::address_v4::loopback(), table_.LocalPort()});
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+      while (!PeerClosed(clients[i]) && std::chrono::steady_clock::now() < deadline) {
+        io_.run_one_for(std::chrono::milliseconds(20));
+      }
+      EXPECT_TRUE(PeerClosed(clients[i])) << i;
+    }
+  }
+  EXPECT_TRUE(events_.accepted.empty());
+  ASSERT_EQ(events_.refusals.size(), 1u);
+  EXPECT_TRUE(events_.refusals[0].starts_with(" 1 no file descriptor is left"))
+      << events_.refusals[0];
+  // With descriptors again, connections are served as before (once what was under way when
+  // they came back has run).
+  Poll();
+  clients[2].connect({asio::ip::address_v4::loopback(), table_.LocalPort()});
+  while (events_.accepted.empty() && io_.run_one_for(std::chrono::seconds(3)) > 0) {
+  }
+  EXPECT_EQ(events_.accepted, std::vector<int>{1});
+  EXPECT_TRUE(events_.errors.empty()) << events_.errors[0];
 }
 
 }  // namespace
