@@ -31,13 +31,6 @@ Statement ByActionAndToken(std::string_view fixed, std::string_view action,
   return sql;
 }
 
-// Runs a statement that must succeed; a failure ends the operation as a run-time error.
-void MustExecute(DbConnection& c, const Statement& sql) {
-  if (!Execute(c, sql)) {
-    throw RuntimeError(c.database().last_error_number(), c.database().last_error_description());
-  }
-}
-
 // The number a query gives, or `fallback` when it gives none.
 long long NumberOf(DbConnection& c, const Statement& sql, long long fallback) {
   return WholeNumberText(QueryText(c, sql, "", " ", true, true)).value_or(fallback);

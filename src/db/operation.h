@@ -69,6 +69,10 @@ std::string QueryText(DbConnection& connection, const Statement& statement,
 // Executes `statement`, which only has to succeed.
 bool Execute(DbConnection& connection, const Statement& statement);
 
+// Executes `statement`, which must succeed: a failure is thrown as a RuntimeError with the
+// database's last error, which ends the operation through its frame.
+void MustExecute(DbConnection& connection, const Statement& statement);
+
 // Executes `update`, an UPDATE that stands for setting fields of the rows `select` finds, and
 // fails like a field write into an empty result set when there is no such row. `select` runs
 // only when the driver reports no changed row, since some drivers count changed rows rather
