@@ -31,13 +31,6 @@ Statement ByActionAndToken(std::string_view fixed, std::string_view action,
   return sql;
 }
 
-// Runs a statement that must succeed; a failure ends the operation as a run-time error.
-void MustExecute(DbConnection& c, const Statement& sql) {
-  if (!Execute(c, sql)) {
-    throw RuntimeError(c.database().last_error_number(), c.database().last_error_description());
-  }
-}
-
 // The number a query gives, or `fallback` when it gives none.
 long long NumberOf(DbConnection& c, const Statement& sql, long long fallback) {
   return WholeNumberText(QueryText(c, sql, "", " ", true, true)).value_or(fallback);
@@ -100,9 +93,10 @@ bool DBSetActionData(Database& database, const ActionDefinition& a, bool replace
   return RunOperation(
       database, "DBSetActionData", ConnectFailure::kBang, false, [&](DbConnection& c, bool& ok) {
         // The delete of the definition it replaces, its row, members, data and sources are one
-        // unit: a crash or a failed statement leaves the previous definition whole.
+        // unit: a crash or a failed statement leaves the previous definition whole. The delete
+        // logs as the delete operation of its own that it is.
         Transaction transaction(c);
-        if (replace && DeleteAction(c, a.guid) != "OK") {
+        if (replace && DBDeleteAction(c, a.guid) != "OK") {
           throw RuntimeError(kErrInvalidCall, "the action to replace could not be deleted");
         }
         if (NumberOf(c,
@@ -116,39 +110,38 @@ bool DBSetActionData(Database& database, const ActionDefinition& a, bool replace
         insert.Number(a.period).Sql(",").Number(a.priority).Sql(",'").Value(a.first_time);
         insert.Sql("','").Value(a.last_time).Sql("',").Number(a.stopped).Sql(")");
         MustExecute(c, insert);
+        // Every element is a member, an empty one too; an empty text splits into none.
         for (const std::string& member : Split(a.members, "$")) {
-          if (member.empty()) continue;
           Statement sql("INSERT INTO tbl_kdx_job_members VALUES ('");
           MustExecute(c, sql.Value(a.guid).Sql("','").Value(member).Sql("')"));
         }
         if (!a.data.empty()) {
-          const std::vector<std::string_view> parts =
-              SplitDataIntoParts(database.log(), a.data, database.settings().blob_max_size);
-          for (size_t i = 0; i < parts.size(); ++i) {
-            const int32_t part = static_cast<int32_t>(i + 1);
-            const std::string_view text = parts[i];
-            Statement row("INSERT INTO tbl_kdx_job_data VALUES ('");
-            MustExecute(c, row.Value(a.guid).Sql("','',0)"));
-            // The bytes and the part number go into the row just inserted, the one still
-            // numbered 0.
-            Statement where = ByAction("WHERE action_guid = ", a.guid);
-            where.Sql(" AND action_data_order = 0");
-            Statement update("UPDATE tbl_kdx_job_data SET action_data = ?, action_data_order = ");
-            update.Number(part).Sql(" ").Append(where).BindBinary(text);
-            Statement select("SELECT * FROM tbl_kdx_job_data ");
-            if (!UpdateSelectedRows(c, update, select.Append(where))) {
-              throw RuntimeError(kErrInvalidCall, "the action's data could not be written");
-            }
-          }
+          ForEachDataPart(
+              database.log(), a.data, database.settings().blob_max_size,
+              [&](int32_t part, std::string_view text) {
+                Statement row("INSERT INTO tbl_kdx_job_data VALUES ('");
+                MustExecute(c, row.Value(a.guid).Sql("','',0)"));
+                // The bytes and the part number go into the row just inserted, the one still
+                // numbered 0.
+                Statement where = ByAction("WHERE action_guid = ", a.guid);
+                where.Sql(" AND action_data_order = 0");
+                Statement update(
+                    "UPDATE tbl_kdx_job_data SET action_data = ?, action_data_order = ");
+                update.Number(part).Sql(" ").Append(where).BindBinary(text);
+                Statement select("SELECT * FROM tbl_kdx_job_data ");
+                if (!UpdateSelectedRows(c, update, select.Append(where))) {
+                  throw RuntimeError(kErrInvalidCall, "the action's data could not be written");
+                }
+                return true;
+              });
         }
+        // Each line is split at "$": field 0 the source, field 1 the owner; a line without
+        // field 1 is a subscript error that ends the operation.
         for (const std::string& line : Split(a.sources, kCrLf)) {
-          if (line.empty()) continue;
-          const size_t dollar = line.find('$');
-          const std::string_view source = std::string_view(line).substr(0, dollar);
-          const std::string_view owner =
-              dollar == std::string::npos ? "" : std::string_view(line).substr(dollar + 1);
+          const std::vector<std::string> fields = Split(line, "$");
           Statement sql("INSERT INTO tbl_kdx_job_data_source VALUES ('");
-          sql.Value(a.guid).Sql("','").Value(source).Sql("','").Value(owner).Sql("')");
+          sql.Value(a.guid).Sql("','").Value(ElementAt(fields, 0)).Sql("','");
+          sql.Value(ElementAt(fields, 1)).Sql("')");
           MustExecute(c, sql);
         }
         ok = transaction.Commit("DBSetActionData");
@@ -224,6 +217,12 @@ std::string DBDeleteAction(Database& database, std::string_view guid) {
       [&](DbConnection& c, std::string& result) { result = DeleteAction(c, guid); });
 }
 
+std::string DBDeleteAction(DbConnection& connection, std::string_view guid) {
+  return RunOperationOn(
+      connection, "DBDeleteAction", std::string("ERROR"),
+      [&](DbConnection& c, std::string& result) { result = DeleteAction(c, guid); });
+}
+
 std::string DBGetActionObjectData(Database& database, std::string_view guid) {
   return RunOperation(database, "DBGetActionObjectData", ConnectFailure::kBang, std::string(),
                       [&](DbConnection& c, std::string& result) { result = ObjectData(c, guid); });
@@ -276,14 +275,15 @@ std::string DBGetTokenAction(Database& database, std::string_view token) {
         if (!DBGetTokenActionGUIDs(c, token, actions, nullptr)) return;
         std::vector<std::string> lines;
         for (const std::string& action : actions) {
-          const std::string properties =
+          std::string properties =
               QueryText(c,
                         ByAction("SELECT action_name, action_period FROM tbl_kdx_job_properties "
                                  "WHERE action_guid = ",
                                  action),
                         "$", "|", false, true);
-          // The token's own GUID stands in the list when it has no action: it is no action.
-          if (properties.empty()) continue;
+          // The token's own GUID stands in the list when it has no action; like any entry
+          // without a definition it reads with an empty name and period.
+          if (properties.empty()) properties = "$";
           std::string counters = StateRow(c,
                                           "SELECT action_counter, success_counter "
                                           "FROM tbl_kdx_job_state WHERE action_guid = ",
@@ -296,17 +296,18 @@ std::string DBGetTokenAction(Database& database, std::string_view token) {
 }
 
 std::vector<std::string> DBGetTaskCollection(Database& database, std::string_view token) {
-  return RunOperation(
-      database, "DBGetTaskCollection", ConnectFailure::kBang, std::vector<std::string>(),
-      [&](DbConnection& c, std::vector<std::string>& tasks) {
-        std::vector<std::string> actions, types;
-        if (!DBGetTokenActionGUIDs(c, token, actions, &types)) return;
-        for (size_t i = 0; i < actions.size() && i < types.size(); ++i) {
-          if (DBGetActionState(c, actions[i]) != kActionActive) continue;
-          if (!DBActionShallExecute(c, actions[i], token)) continue;
-          tasks.push_back(actions[i] + "|" + types[i] + "|" + ObjectData(c, actions[i]));
-        }
-      });
+  return RunOperation(database, "DBGetTaskCollection", ConnectFailure::kBang,
+                      std::vector<std::string>(),
+                      [&](DbConnection& c, std::vector<std::string>& tasks) {
+                        std::vector<std::string> actions, types;
+                        if (!DBGetTokenActionGUIDs(c, token, actions, &types)) return;
+                        for (size_t i = 0; i < actions.size() && i < types.size(); ++i) {
+                          if (DBGetActionState(c, actions[i]) != kActionActive) continue;
+                          if (!DBActionShallExecute(c, actions[i], token)) continue;
+                          tasks.push_back(actions[i] + "|" + types[i] + "|" +
+                                          DBGetActionObjectData(database, actions[i]));
+                        }
+                      });
 }
 
 bool DBSetActionResult(Database& database, std::string_view action, std::string_view token,
@@ -356,16 +357,13 @@ bool DBUpdateActionState(DbConnection& c, std::string_view action, std::string_v
 std::vector<std::string> DBSplitMemberGUIDsToTokenGUIDs(DbConnection& c,
                                                         const std::vector<std::string>& members) {
   std::vector<std::string> tokens;
-  const auto add = [&](const std::string& token) {
-    if (std::find(tokens.begin(), tokens.end(), token) == tokens.end()) tokens.push_back(token);
-  };
   for (const std::string& member : members) {
     if (member.empty()) continue;
     std::vector<std::string> group;
     if (DBGetGroupMembers(c, group, member)) {
-      for (const std::string& token : group) add(token);
+      tokens.insert(tokens.end(), group.begin(), group.end());
     } else {
-      add(member);
+      tokens.push_back(member);
     }
   }
   Logged(c, "DBSplitMemberGUIDsToTokenGUIDs");
@@ -374,16 +372,18 @@ std::vector<std::string> DBSplitMemberGUIDsToTokenGUIDs(DbConnection& c,
 
 bool DBValidateAction(DbConnection& c, std::string_view guid, int32_t /*state*/) {
   bool valid = false;
-  if (!DBGetActionMember(c, guid, ",").empty()) {
-    const std::vector<std::string> f =
-        Split(QueryText(c,
-                        ByAction("SELECT action_type, action_first_time, action_last_time "
-                                 "FROM tbl_kdx_job_properties WHERE action_guid = ",
-                                 guid),
-                        "$", "|", false, true),
-              "$");
-    if (f.size() >= 3) {
-      const std::string &type = f[0], &first = f[1], &last = f[2];
+  RecordSet rs;
+  if (!DBGetActionMember(c, guid, ",").empty() &&
+      DBExecuteSQLCommand(c,
+                          ByAction("SELECT action_type, action_first_time, action_last_time "
+                                   "FROM tbl_kdx_job_properties WHERE action_guid = ",
+                                   guid),
+                          rs) &&
+      !rs.Eof()) {
+    const std::vector<std::vector<std::string>> matrix =
+        DBGetMatrixFromRecordSet(c.database(), rs, "$", "|", false, true);
+    if (!matrix.empty() && matrix[0].size() >= 3) {
+      const std::string &type = matrix[0][0], &first = matrix[0][1], &last = matrix[0][2];
       const std::tm now = c.database().Now();
       const bool span_ok =
           IsUsableTime(first, now) &&
@@ -460,9 +460,9 @@ bool DBGetTokenActionGUIDs(DbConnection& c, std::string_view token,
   if (!rs.Eof()) {
     actions.clear();
     if (types != nullptr) types->clear();
-    for (const auto& row : rs.rows) {
-      actions.push_back(row.size() > 0 ? row[0].value_or("") : "");
-      if (types != nullptr) types->push_back(row.size() > 1 ? row[1].value_or("") : "");
+    for (const auto& row : DBGetMatrixFromRecordSet(c.database(), rs, "|", kCrLf, false, true)) {
+      actions.push_back(row.size() > 0 ? row[0] : "");
+      if (types != nullptr) types->push_back(row.size() > 1 ? row[1] : "");
     }
   }
   Logged(c, "DBGetTokenActionGUIDs");
@@ -490,10 +490,12 @@ bool DBActionShallExecute(DbConnection& c, std::string_view action, std::string_
     } else {
       const DateRecord d =
           DiffDateRecord(MakeDateRecord("", c.database().Now()), SplitTimestamp(last, "-"));
-      const auto field = [&](int k) { return WholeNumberText(d[k]).value_or(0); };
-      const long long y = field(DateRecord::kYear), m = field(DateRecord::kMonth),
-                      day = field(DateRecord::kDay);
-      due = y > 0 || (y == 0 && m > 0) || (y == 0 && m == 0 && day >= days);
+      const std::optional<long long> y = WholeNumberText(d[DateRecord::kYear]),
+                                     m = WholeNumberText(d[DateRecord::kMonth]),
+                                     day = WholeNumberText(d[DateRecord::kDay]);
+      // A date that does not compare (a field that is no number) is never due.
+      due =
+          y && m && day && (*y > 0 || (*y == 0 && *m > 0) || (*y == 0 && *m == 0 && *day >= days));
     }
   }
   Logged(c, "DBActionShallExecute");

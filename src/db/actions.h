@@ -43,7 +43,10 @@ struct ActionDefinition {
 
 // Stores a new action: its properties, members, payload parts of BLOBMaxSize characters and
 // data sources. With `replace` the action of that GUID is deleted first (with its execution
-// states). False when the GUID is taken or a statement fails; what was written stays.
+// states) through DBDeleteAction. Every "$"-element of `members` is a member, an empty one
+// too (an empty text has none); every line of `sources` is split at "$" into the source
+// (field 0) and the owner (field 1). False when the GUID is taken, a statement fails or a
+// source line has no owner field; what was written stays.
 bool DBSetActionData(Database& database, const ActionDefinition& action, bool replace);
 
 // Every action in name order: its eight property fields, its state and its members joined by
@@ -57,6 +60,9 @@ int32_t DBGetActionState(DbConnection& connection, std::string_view guid);
 // Deletes the action with its data sources, payload, members, properties and states. "OK" or
 // "ERROR".
 std::string DBDeleteAction(Database& database, std::string_view guid);
+// The same on the open connection of a caller whose transaction it joins (an update of a
+// definition), logged as an operation of its own.
+std::string DBDeleteAction(DbConnection& connection, std::string_view guid);
 
 // The payload (its parts in order), "|", then the data sources as "source$owner" lines
 // joined by CRLF.
@@ -65,12 +71,15 @@ std::string DBGetActionObjectData(Database& database, std::string_view guid);
 // Stops (`stop`) or starts the action. "OK" or "ERROR".
 std::string DBStartAction(Database& database, std::string_view guid, bool stop);
 
-// One line per member token of the action (groups expanded): token$person$last time$action
+// One line per member token of the action as DBSplitMemberGUIDsToTokenGUIDs gives them
+// (groups expanded, a token there twice has two lines): token$person$last time$action
 // counter$success counter, or token$person$0 without a state row; lines joined by CRLF.
 std::string DBGetActionDetails(Database& database, std::string_view guid);
 
 // One line per action of the token, highest priority first: action$name$period$action
-// counter$success counter (0$0 without a state row); lines joined by CRLF.
+// counter$success counter (0$0 without a state row); lines joined by CRLF. A token without
+// an action has the one line of its own GUID, which DBGetTokenActionGUIDs puts in the list
+// then: guid$$$0$0.
 std::string DBGetTokenAction(Database& database, std::string_view token);
 
 // The tasks due for the token now, highest priority first, each "action|type|payload data".
@@ -87,7 +96,8 @@ bool DBSetActionResult(Database& database, std::string_view action, std::string_
 bool DBUpdateActionState(DbConnection& connection, std::string_view action,
                          std::string_view new_members);
 
-// `members` with every group replaced by its tokens; each token once, in order.
+// `members` with every group replaced by its tokens, in order; a token that is a member
+// directly and through a group (or through two groups) is there each time.
 std::vector<std::string> DBSplitMemberGUIDsToTokenGUIDs(DbConnection& connection,
                                                         const std::vector<std::string>& members);
 

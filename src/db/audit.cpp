@@ -132,19 +132,19 @@ std::string DBDeleteLoggingInformation(Database& database, bool all, bool by_cou
 
 std::string DBGetLoggingInformation(Database& database, int32_t max_rows, const AuditQuery& query,
                                     std::string& total) {
-  return RunOperation(database, "DBGetLoggingInformation", ConnectFailure::kPlain, std::string(),
-                      [&](DbConnection& c, std::string& result) {
-                        RecordSet rs;
-                        // Only the newest `max_rows` are kept, so no more are fetched.
-                        const size_t keep = max_rows > 0 ? static_cast<size_t>(max_rows) : 0;
-                        if (DBExecuteSQLCommand(c, LoggingQuery(query), rs, keep) && !rs.Eof()) {
-                          result = DBGetStringFromRecordSet(database, rs, "|", kCrLf, false, true);
-                        }
-                        total =
-                            QueryText(c, Statement("SELECT Count (*) FROM tbl_kdx_logging_client"),
-                                      "", " ", true, false);
-                        if (total.empty()) total = "0";
-                      });
+  return RunOperation(
+      database, "DBGetLoggingInformation", ConnectFailure::kPlain, std::string(),
+      [&](DbConnection& c, std::string& result) {
+        RecordSet rs;
+        // Only the newest `max_rows` are kept, so no more are fetched.
+        const size_t keep = max_rows > 0 ? static_cast<size_t>(max_rows) : 0;
+        if (DBExecuteSQLCommand(c, LoggingQuery(query), rs, keep) && !rs.Eof()) {
+          result = Join(DBGetArrayFromRecordSet(database, rs, "|", kCrLf, false, true), kCrLf);
+        }
+        total = QueryText(c, Statement("SELECT Count (*) FROM tbl_kdx_logging_client"), "", " ",
+                          true, false);
+        if (total.empty()) total = "0";
+      });
 }
 
 }  // namespace kalvo

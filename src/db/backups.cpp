@@ -70,7 +70,8 @@ int32_t BackupMaxima::For(int32_t type) const {
 int32_t GetDataSplitCount(Log& log, int64_t length, int32_t part_size) {
   int32_t count = 1;
   if (part_size < length) {
-    if (part_size <= 0) throw RuntimeError(kErrDivisionByZero, "Division by zero");
+    // A negative part size divides like any other; its quotient rounded up is no part.
+    if (part_size == 0) throw RuntimeError(kErrDivisionByZero, "Division by zero");
     count = static_cast<int32_t>(RoundDirected(static_cast<double>(length) / part_size, 0, "UP"));
   }
   log.WriteLog("GetDataSplitCount (OK)");
@@ -84,18 +85,17 @@ int32_t GetDataSplitSize(Log& log, int64_t length, int32_t part_size, int32_t pa
   return static_cast<int32_t>(size);
 }
 
-std::vector<std::string_view> SplitDataIntoParts(Log& log, std::string_view data,
-                                                 int32_t part_size) {
+bool ForEachDataPart(Log& log, std::string_view data, int32_t part_size,
+                     const std::function<bool(int32_t part, std::string_view text)>& write) {
   const int64_t length = static_cast<int64_t>(data.size());
   const int32_t count = GetDataSplitCount(log, length, part_size);
-  std::vector<std::string_view> parts;
-  parts.reserve(static_cast<size_t>(count));
   for (int32_t part = 1; part <= count; ++part) {
     const int32_t size = GetDataSplitSize(log, length, part_size, part);
-    parts.push_back(
-        data.substr(static_cast<size_t>(int64_t{part - 1} * part_size), static_cast<size_t>(size)));
+    const std::string_view text =
+        data.substr(static_cast<size_t>(int64_t{part - 1} * part_size), static_cast<size_t>(size));
+    if (!write(part, text)) return false;
   }
-  return parts;
+  return true;
 }
 
 bool DBSetTokenBackupData(Database& database, const BackupMaxima& maxima, std::string_view guid,
@@ -124,13 +124,12 @@ bool DBSetTokenBackupData(Database& database, const BackupMaxima& maxima, std::s
         shift.Sql("WHERE token_guid = '").Value(guid).Sql("' AND backup_type = ").Number(type);
         if (!Execute(c, shift)) return;
 
-        const std::vector<std::string_view> parts =
-            SplitDataIntoParts(database.log(), data, database.settings().blob_max_size);
         const std::string now = FormatTimestamp(database.Now());
-        for (size_t i = 0; i < parts.size(); ++i) {
-          const int32_t part = static_cast<int32_t>(i + 1);
-          if (!WritePart(c, guid, name, type, part, parts[i], now)) return;
-        }
+        const bool whole = ForEachDataPart(database.log(), data, database.settings().blob_max_size,
+                                           [&](int32_t part, std::string_view text) {
+                                             return WritePart(c, guid, name, type, part, text, now);
+                                           });
+        if (!whole) return;
         written = transaction.Commit("DBSetTokenBackupData");
       });
 }

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,18 +39,23 @@ struct BackupMaxima {
 
 // The number of parts a text of `length` characters takes with parts of `part_size`: the
 // length divided by the part size, rounded up, and 1 for a text that fits one part (also the
-// empty text). A part size of 0 or below with a longer text is the run-time error "Division
-// by zero". Logs "GetDataSplitCount (OK)".
+// empty text). A negative part size with a longer text gives the same quotient, which is 0 or
+// below (no part); a part size of 0 with a longer text is the run-time error "Division by
+// zero". Logs "GetDataSplitCount (OK)".
 int32_t GetDataSplitCount(Log& log, int64_t length, int32_t part_size);
 
 // The length of part `part` (from 1): `part_size`, or what is left for the last part. Logs
 // "GetDataSplitSize (OK)".
 int32_t GetDataSplitSize(Log& log, int64_t length, int32_t part_size, int32_t part);
 
-// `data` cut into its parts of `part_size` characters (GetDataSplitCount parts of
-// GetDataSplitSize characters, in order); the empty text is one empty part.
-std::vector<std::string_view> SplitDataIntoParts(Log& log, std::string_view data,
-                                                 int32_t part_size);
+// Cuts `data` into its parts of `part_size` characters (GetDataSplitCount parts of
+// GetDataSplitSize characters; the empty text is one empty part) and hands each to `write`
+// with its number from 1, in order, working out (and logging) each part's size just before
+// its write. Stops at the first write that gives false and gives false; true otherwise, also
+// when there is no part at all (a negative part size). Throws the run-time error of
+// GetDataSplitCount for a part size of 0.
+bool ForEachDataPart(Log& log, std::string_view data, int32_t part_size,
+                     const std::function<bool(int32_t part, std::string_view text)>& write);
 
 // Saves `data` as the new index 1 of the token's backups of `type` under `name`. Client and
 // administrator backups are refused while the type already holds its maximum of rows (a

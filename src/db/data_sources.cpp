@@ -2,11 +2,12 @@
 
 namespace kalvo {
 
-std::vector<DataSource> OdbcDataSources(OdbcEnvironment& env) {
+std::vector<DataSource> OdbcDataSources(OdbcEnvironment& env, DataSourceScope scope) {
   std::vector<DataSource> sources;
   SQLCHAR name[SQL_MAX_DSN_LENGTH + 1];
   SQLCHAR driver[1024];
-  SQLUSMALLINT direction = SQL_FETCH_FIRST;
+  SQLUSMALLINT direction =
+      scope == DataSourceScope::kSystem ? SQL_FETCH_FIRST_SYSTEM : SQL_FETCH_FIRST;
   for (;;) {
     SQLSMALLINT name_length = 0, driver_length = 0;
     const SQLRETURN rc = SQLDataSources(env.get(), direction, name, sizeof name, &name_length,

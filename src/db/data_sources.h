@@ -14,7 +14,12 @@ struct DataSource {
   std::string driver;
 };
 
-// Every data source SQLDataSources lists, in its order; empty when it lists none or fails.
-std::vector<DataSource> OdbcDataSources(OdbcEnvironment& env);
+// Which data sources to list: the user's and the system's, or the system's (machine-wide) only.
+enum class DataSourceScope { kUserAndSystem, kSystem };
+
+// Every data source of `scope` SQLDataSources lists, in its order; empty when it lists none or
+// fails.
+std::vector<DataSource> OdbcDataSources(OdbcEnvironment& env,
+                                        DataSourceScope scope = DataSourceScope::kUserAndSystem);
 
 }  // namespace kalvo

@@ -24,7 +24,8 @@ void InsertGroup(DbConnection& c, const std::vector<std::string>& fields) {
       "WHERE group_guid = '");
   fields_update.Value(guid).Sql("'");
   fields_update.BindText(fields[1]).BindText(fields[2]).BindNumber(abilities);
-  Execute(c, fields_update);
+  // A value the column cannot take ends the replacement like a failed insert.
+  MustExecute(c, fields_update);
   if (fields[4].empty()) return;
   for (const std::string& member : Split(fields[4], "$")) {
     // Entries may be "guid,person" as DBGetGroupData writes them.

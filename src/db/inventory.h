@@ -60,10 +60,11 @@ bool DBCleanupCheckDatabase(Database& database, std::string_view dsn, std::strin
 // tbl_kdx_tmp_string with the text type of StringMaxSize, stores a GUID of 36 characters in
 // it, creates tbl_kdx_tmp_number and tbl_kdx_tmp_blob, and runs the BLOB round trip
 // (INSERT ('x', ''), SELECT ... WHERE tmp_string = 'x' reading tmp_blob). Gives "ERROR|" and
-// the step that failed ("1" connect or fewer than nine fields, "2" text type, "3" text of
-// width 36, "4" number type, "5" BLOB type, "6" BLOB round trip), or "OK|" and the state of
-// the candidate database (DBIsDatabaseUpToDate) as a decimal number. The type-test tables are
-// dropped again at the end, whatever happened.
+// the step that failed ("1" connect or fewer than nine fields, "2" text type, also for a
+// StringMaxSize that is no number, "3" text of width 36, "4" number type, "5" BLOB type, "6"
+// BLOB round trip), or "OK|" and the state of the database `database` is configured with
+// (DBIsDatabaseUpToDate, not of the candidate) as a decimal number. BLOBMaxSize is not read. The
+// type-test tables are dropped again at the end, whatever happened.
 std::string DBExecuteTest(Database& database, std::string_view parameters,
                           const DecryptCredential& decrypt);
 

@@ -16,6 +16,13 @@ bool Execute(DbConnection& connection, const Statement& statement) {
   return DBExecuteSQLCommand(connection, statement, ignored);
 }
 
+void MustExecute(DbConnection& connection, const Statement& statement) {
+  if (!Execute(connection, statement)) {
+    const Database& db = connection.database();
+    throw RuntimeError(db.last_error_number(), db.last_error_description());
+  }
+}
+
 bool UpdateSelectedRows(DbConnection& connection, const Statement& update,
                         const Statement& select) {
   RecordSet rs;

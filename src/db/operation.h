@@ -62,6 +62,29 @@ T RunOperation(Database& database, std::string_view name, ConnectFailure failure
   return result;
 }
 
+// Runs `work(outer, result)` as the operation `name` on `outer`, the open connection of the
+// operation that calls it, so that its statements join the caller's transaction. It logs as
+// RunOperation does, its connect and disconnect lines included (the connection stays the
+// caller's): the log reads as for an operation of its own. A run-time error inside `work` is
+// logged under `name`, followed by "<name> (Error)", and gives what `work` had assigned.
+template <typename T, typename Work>
+T RunOperationOn(DbConnection& outer, std::string_view name, T empty, Work&& work) {
+  Log& log = outer.database().log();
+  T result = empty;
+  try {
+    log.WriteLog("DBConnect (OK)");
+    work(outer, result);
+    log.WriteLog("DBDisconnect (OK)");
+    log.WriteLog(std::string(name) + " (OK)");
+  } catch (const DeadConnection&) {
+    throw;  // the caller's frame starts again
+  } catch (...) {
+    LogCurrentException(log, name);
+    log.WriteLog(std::string(name) + " (Error)");
+  }
+  return result;
+}
+
 // Executes `statement` and gives its rows as text (DBGetStringFromRecordSet with the given
 // delimiters and flags); "" when it fails or yields no row.
 std::string QueryText(DbConnection& connection, const Statement& statement,
@@ -70,6 +93,10 @@ std::string QueryText(DbConnection& connection, const Statement& statement,
 
 // Executes `statement`, which only has to succeed.
 bool Execute(DbConnection& connection, const Statement& statement);
+
+// Executes `statement`, which must succeed: a failure is thrown as a RuntimeError with the
+// database's last error, which ends the operation through its frame.
+void MustExecute(DbConnection& connection, const Statement& statement);
 
 // Executes `update`, an UPDATE that stands for setting fields of the rows `select` finds, and
 // fails like a field write into an empty result set when there is no such row. `select` runs

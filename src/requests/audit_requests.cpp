@@ -7,7 +7,9 @@ namespace {
 
 // Runs the query, then rewrites the record as the 329 answer with `misc1` and sends it.
 void AnswerAudit(Request& r, const AuditQuery& query, std::string misc1) {
-  std::string total;
+  // The request's Misc3 is the out argument: it goes back unchanged when the database cannot
+  // be reached.
+  std::string total = r.record().Misc3;
   std::string entries =
       DBGetLoggingInformation(r.ctx.database, r.ctx.settings.audit_display_max_count, query, total);
   r.SetReply(329, std::move(entries));

@@ -13,10 +13,16 @@ namespace {
 
 const std::string_view kFieldSeparator("\0", 1);
 
-// Hands a text the library allocated back to it.
+// Hands a text the library allocated back to it while an error is on its way out; a library
+// that cannot take it back then changes nothing about the error being reported.
 struct LibraryFree {
   CertificateLibrary* library;
-  void operator()(char* text) const noexcept { library->Free(text); }
+  void operator()(char* text) const noexcept {
+    try {
+      library->Free(text);
+    } catch (...) {
+    }
+  }
 };
 
 }  // namespace
@@ -27,7 +33,17 @@ int32_t CertificateLibrary::Generate(const Fields& fields, char** certificate, i
                    certificate, length);
 }
 
-void CertificateLibrary::Free(char* certificate) noexcept { free_(certificate); }
+void CertificateLibrary::Free(char* certificate) {
+  if (free_ == nullptr) {
+    std::string error;
+    free_ = library_.Function<FreeFunction>("free_SBS_Cert", error);
+    if (free_ == nullptr) {
+      throw RuntimeError(kErrDllEntryPoint, "Can't find DLL entry point in " + path_ + " (" +
+                                                Utf8ToCp1252(error) + ")");
+    }
+  }
+  free_(certificate);
+}
 
 void CertificateLibrary::Load() {
   // The file system holds UTF-8 names. A name without "/" would make dlopen search the
@@ -42,17 +58,17 @@ void CertificateLibrary::Load() {
     throw RuntimeError(kErrDllLoad,
                        "Error in loading DLL " + path_ + " (" + Utf8ToCp1252(error) + ")");
   }
+  // free_SBS_Cert is looked up when a text goes back (Free), so a library without it still
+  // generates.
   auto* generate = library.Function<GenerateFunction>("generate_SBS_Cert", error);
-  auto* release =
-      generate != nullptr ? library.Function<FreeFunction>("free_SBS_Cert", error) : nullptr;
-  if (release == nullptr) {
+  if (generate == nullptr) {
     // `library` closes again: the next use loads afresh, perhaps a corrected file.
     throw RuntimeError(kErrDllEntryPoint,
                        "Can't find DLL entry point in " + path_ + " (" + Utf8ToCp1252(error) + ")");
   }
   library_ = std::move(library);
   generate_ = generate;
-  free_ = release;
+  free_ = nullptr;
 }
 
 bool CreateCertificate(CertificateLibrary& library, Log& log, std::string_view request_data,
@@ -93,7 +109,7 @@ bool CreateCertificate(CertificateLibrary& library, Log& log, std::string_view r
   if (length > 0 && static_cast<size_t>(length) < text.size()) text.resize(length);
   log.WriteLog("Certificate String 2 is: " + text);
 
-  owned.reset();
+  library.Free(owned.release());
   log.WriteLog("Freeing CertificatePointer done -> returning true");
   certificate = std::move(text);
   return true;

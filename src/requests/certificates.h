@@ -37,27 +37,29 @@ class CertificateLibrary {
 
   // Loads the library unless it is loaded, then calls generate_SBS_Cert with `fields`,
   // `certificate` and `length` and gives its result (0 for success). Throws RuntimeError
-  // kErrDllLoad when the library cannot be loaded and kErrDllEntryPoint when either entry
-  // point is missing (the description names the path or entry point and the loader's
-  // reason); the library is then left unloaded.
+  // kErrDllLoad when the library cannot be loaded and kErrDllEntryPoint when
+  // generate_SBS_Cert is missing (the description names the path or entry point and the
+  // loader's reason); the library is then left unloaded. free_SBS_Cert is not looked for here.
   int32_t Generate(const Fields& fields, char** certificate, int32_t* length);
 
-  // Hands `certificate`, as set by a Generate that did not throw, back to free_SBS_Cert.
-  // Never throws.
-  void Free(char* certificate) noexcept;
+  // Hands `certificate`, as set by a Generate that did not throw, back to free_SBS_Cert,
+  // looking the entry point up on its first use. Throws RuntimeError kErrDllEntryPoint when
+  // the loaded library lacks it (the text then stays with the library).
+  void Free(char* certificate);
 
  private:
   using GenerateFunction = int32_t(const char*, const char*, const char*, const char*, const char*,
                                    const char*, const char*, char**, int32_t*);
   using FreeFunction = void(char*);
 
-  // Loads the library and resolves both entry points, or throws and changes nothing.
+  // Loads the library and resolves generate_SBS_Cert, or throws and changes nothing.
   void Load();
 
   std::string path_;
   SharedLibrary library_;
-  // Both set together with library_, or both null.
+  // Set together with library_, or null.
   GenerateFunction* generate_ = nullptr;
+  // Null until the first Free of the loaded library.
   FreeFunction* free_ = nullptr;
 };
 
@@ -68,9 +70,11 @@ class CertificateLibrary {
 // certificate. Otherwise sets `certificate` to the library's text, cut to the length the
 // library reported when that is above 0 and shorter than the text, hands the library's
 // text back to it and gives true.
-// A library that cannot be loaded, or lacks an entry point, escapes as the RuntimeError of
-// CertificateLibrary::Generate: the request handler's error trap logs it and no reply is
-// sent. Nothing is kept after the call.
+// A library that cannot be loaded, or lacks generate_SBS_Cert, escapes as the RuntimeError of
+// CertificateLibrary::Generate; one that lacks free_SBS_Cert escapes as the RuntimeError of
+// CertificateLibrary::Free once a certificate was made, after "Certificate String 2 is: ".
+// The request handler's error trap logs it and no reply is sent. Nothing is kept after the
+// call.
 bool CreateCertificate(CertificateLibrary& library, Log& log, std::string_view request_data,
                        std::string& certificate);
 

@@ -174,15 +174,12 @@ void ReportDatabaseSettings(Request& r) {
 }
 
 void ConfigureDatabase(Request& r) {
-  std::optional<int32_t> sub_command;
-  try {
-    sub_command = NumericTextToInt32(r.record().Misc1);
-  } catch (const RuntimeError&) {
-    // No number: no sub-command, an empty answer.
-  }
+  // A sub-command that is no number is a run-time error of the request: no answer, and the
+  // console-login flag stays as it is.
+  const int32_t sub_command = NumericTextToInt32(r.record().Misc1);
   const Settings& s = r.ctx.settings;
   std::string data;
-  switch (sub_command.value_or(0)) {
+  switch (sub_command) {
     case 1:
       data = CheckConnection(r);
       break;
@@ -214,7 +211,9 @@ void ConfigureDatabase(Request& r) {
 
 std::string GetAllDSN(OdbcEnvironment& env) {
   std::vector<std::string> names;
-  for (const DataSource& source : OdbcDataSources(env)) names.push_back(source.name);
+  for (const DataSource& source : OdbcDataSources(env, DataSourceScope::kSystem)) {
+    names.push_back(source.name);
+  }
   return Join(names, kNul);
 }
 

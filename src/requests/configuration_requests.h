@@ -13,7 +13,7 @@ void UpdateSettings(Request& r);          // 306
 void ReportDatabaseSettings(Request& r);  // 350
 void ConfigureDatabase(Request& r);       // 351, sub-commands 1 to 6
 
-// The names of the data sources the driver manager knows, joined by NUL.
+// The names of the system (machine-wide) data sources, joined by NUL.
 std::string GetAllDSN(OdbcEnvironment& env);
 
 }  // namespace kalvo

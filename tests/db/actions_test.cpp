@@ -228,6 +228,12 @@ TEST_P(ActionsTest, PeriodsCompareDatesFieldByField) {
       {5, "2027-12-15-10-00-00", "2027-12-31-00-00-00", false},
       {9, "2027-03-01-10-00-00", "2027-03-01-10-00-00", true},  // above 5: zero days
       {-1, "", "2027-03-01-10-00-00", false},                   // negative: never
+      // A last time whose date does not compare is never due, whatever the period.
+      {2, "20x7-03-01-10-00-00", "2027-03-05-00-00-00", false},
+      {5, "2027-03-01-10-00-0x", "2028-03-05-00-00-00", true},  // the time is not looked at
+      {5, "2027-0x-01-10-00-00", "2028-03-05-00-00-00", false},
+      {9, "2027-03-xx-10-00-00", "2027-03-05-00-00-00", false},
+      {9, "yyyy-03-01-10-00-00", "2027-03-05-00-00-00", false},
   };
   for (const Case& c : cases) {
     MustExecute({"DELETE FROM tbl_kdx_job_properties", "DELETE FROM tbl_kdx_job_state"});
@@ -249,7 +255,8 @@ TEST_P(ActionsTest, ATokenGetsItsDueActionsHighestPriorityFirst) {
   SetClock("2027-06-01-12-00-00");
   EXPECT_EQ(TokenActions(kAnna), std::vector<std::string>{kAnna}) << "no action: its own GUID";
   EXPECT_EQ(DBGetTaskCollection(db(), kAnna), std::vector<std::string>{});
-  EXPECT_EQ(DBGetTokenAction(db(), kAnna), "");
+  // Without an action the token's own GUID stands in the list and gives its line.
+  EXPECT_EQ(DBGetTokenAction(db(), kAnna), std::string(kAnna) + "$$$0$0");
 
   ActionDefinition low = Action(kA1);
   low.priority = 1;
@@ -275,6 +282,87 @@ TEST_P(ActionsTest, ATokenGetsItsDueActionsHighestPriorityFirst) {
                                                "$Zertifikat erneuern$1$0$0");
   EXPECT_EQ(DBGetActionDetails(db(), kA1), std::string(kAnna) + "$Anna$0\r\n" + kBert + "$Bert$0");
   EXPECT_EQ(DBGetActionDetails(db(), kA2), std::string(kAnna) + "$Anna$2027-06-01-12-00-00$1$1");
+
+  // A token that is a member directly and through a group has a line for each.
+  ActionDefinition both = Action("AC000000-0000-4000-8000-000000000004");
+  both.members = std::string(kAnna) + "$" + kTeam;
+  ASSERT_TRUE(Define(both));
+  EXPECT_EQ(DBGetActionDetails(db(), both.guid),
+            std::string(kAnna) + "$Anna$0\r\n" + kAnna + "$Anna$0\r\n" + kBert + "$Bert$0");
+}
+
+TEST_P(ActionsTest, MembersAndDataSourcesAreSplitAtEveryDollar) {
+  const struct {
+    const char* members;
+    const char* sources;
+    bool stored;
+    const char* member_rows;  // sorted
+    const char* source_rows;  // sorted
+    const char* why;
+  } cases[] = {
+      {"M1$M2", "ldap$admin", true, "M1$M2", "ldap|admin", "one member and one source each"},
+      {"M1$$M2", "", true, "$M1$M2", "", "an empty element is a member too"},
+      {"M1$", "", true, "$M1", "", "so is the one after a last dollar"},
+      {"", "", true, "", "", "an empty members text writes no member"},
+      {"M1", "ldap$admin$extra", true, "M1", "ldap|admin", "a third field is not the owner's"},
+      {"M1", "ldap$\r\nfile$x", true, "M1", "file|x$ldap|", "an empty owner"},
+      {"M1", "ldap", false, "", "", "a source line without an owner field fails it all"},
+  };
+  for (const auto& c : cases) {
+    MustExecute({"DELETE FROM tbl_kdx_job_properties", "DELETE FROM tbl_kdx_job_members",
+                 "DELETE FROM tbl_kdx_job_data", "DELETE FROM tbl_kdx_job_data_source"});
+    ActionDefinition a = Action(kA1);
+    a.members = c.members;
+    a.sources = c.sources;
+    EXPECT_EQ(Define(a), c.stored) << c.why;
+    EXPECT_EQ(Query("SELECT member_guid FROM tbl_kdx_job_members ORDER BY member_guid"),
+              c.member_rows)
+        << c.why;
+    EXPECT_EQ(Query("SELECT data_source, data_source_owner FROM tbl_kdx_job_data_source "
+                    "ORDER BY data_source"),
+              c.source_rows)
+        << c.why;
+  }
+}
+
+TEST_P(ActionsTest, NestedOperationsAndRowReadersLogUnderTheirOwnNames) {
+  SetClock("2027-06-01-12-00-00");
+  ActionDefinition a = Action(kA1);
+  a.data = "0123456789";
+  DatabaseSettings s = db().settings();
+  s.blob_max_size = 4;
+  db().set_settings(s);
+  ASSERT_TRUE(Define(a));
+  // Each part's size is logged just before the part's row is inserted.
+  std::string log = LogText();
+  size_t from = 0;
+  for (int part = 1; part <= 3; ++part) {
+    const size_t size_line = log.find("GetDataSplitSize (OK)", from);
+    const size_t insert = log.find("INSERT INTO tbl_kdx_job_data ", from);
+    ASSERT_NE(insert, std::string::npos) << part;
+    EXPECT_LT(size_line, insert) << part;
+    EXPECT_GT(log.find("GetDataSplitSize (OK)", size_line + 1), insert) << part;
+    from = insert + 1;
+  }
+
+  // An update removes the old definition through the delete operation, on its own connection.
+  ClearLog();
+  ASSERT_TRUE(Define(a, true));
+  log = LogText();
+  EXPECT_EQ(Occurrences(log, "DBDeleteAction (OK)"), 1);
+  EXPECT_EQ(Occurrences(log, "DBConnect (OK)"), 2);
+  EXPECT_EQ(Occurrences(log, "DBDisconnect (OK)"), 2);
+  EXPECT_LT(log.find("DBDeleteAction (OK)"), log.find("DBSetActionData (OK)"));
+
+  // A hand-out reads each task's payload through the payload operation.
+  ActionDefinition second = Action(kA2);
+  ASSERT_TRUE(Define(second));
+  ClearLog();
+  ASSERT_EQ(DBGetTaskCollection(db(), kAnna).size(), 2u);
+  log = LogText();
+  EXPECT_EQ(Occurrences(log, "DBGetActionObjectData (OK)"), 2);
+  // The token's actions are read as a matrix, and so is the definition that is validated.
+  EXPECT_GE(Occurrences(log, "DBGetMatrixFromRecordSet (OK)"), 3);
 }
 
 TEST_P(ActionsTest, ChangingMembersForgetsTheStatesOfTokensThatLeave) {

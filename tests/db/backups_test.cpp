@@ -73,6 +73,32 @@ TEST(BackupSplitTest, PartsAreFullButTheLast) {
   EXPECT_EQ(GetDataSplitSize(log, 0, 1000, 1), 0);
   EXPECT_EQ(GetDataSplitCount(log, 0, 0), 1);
   EXPECT_THROW(GetDataSplitCount(log, 1, 0), RuntimeError);
+  // A negative part size divides like any other: the quotient rounded up is no part at all.
+  EXPECT_EQ(GetDataSplitCount(log, 10, -3), -3);
+  EXPECT_EQ(GetDataSplitCount(log, 0, -1), 0);
+}
+
+TEST_P(BackupsTest, ANegativePartSizeStoresNoPartAndSucceeds) {
+  SetPartSize(-5);
+  EXPECT_EQ(Save(kAnna, kAdminBackup, "ohne Teile", "some data"), "OK");
+  EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_backup"), "0");
+  EXPECT_FALSE(Logged("DBSetTokenBackupData (Error)"));
+}
+
+TEST_P(BackupsTest, EachPartsSizeIsLoggedJustBeforeItsInsert) {
+  SetPartSize(4);
+  ASSERT_EQ(Save(kAnna, kAdminBackup, "drei", "0123456789"), "OK");
+  const std::string log = LogText();
+  size_t from = 0;
+  for (int part = 1; part <= 3; ++part) {
+    const size_t size_line = log.find("GetDataSplitSize (OK)", from);
+    const size_t insert = log.find("INSERT INTO tbl_kdx_backup", from);
+    ASSERT_NE(size_line, std::string::npos) << part;
+    ASSERT_NE(insert, std::string::npos) << part;
+    EXPECT_LT(size_line, insert) << part;
+    from = insert + 1;
+    EXPECT_GT(log.find("GetDataSplitSize (OK)", size_line + 1), insert) << part;
+  }
 }
 
 TEST_P(BackupsTest, ALongBackupIsStoredInPartsAndReadBackWhole) {

@@ -134,9 +134,40 @@ TEST_P(InventoryTest, DatabaseTestEndsAtTheFirstFailedStepWithTheDriversMessage)
   EXPECT_TRUE(report.starts_with("ERROR: connect: ")) << report;
   EXPECT_EQ(report.find("\r\n"), std::string::npos);
 
+  // No step uses StringMaxSize: a size that is no number changes nothing, and the report
+  // holds the seven steps only.
   std::vector<std::string> bad_size = CheckFields();
   bad_size[4] = "many";
-  EXPECT_TRUE(DBCheckDatabase(db(), bad_size, Decrypt).starts_with("ERROR: settings: "));
+  EXPECT_EQ(DBCheckDatabase(db(), bad_size, Decrypt),
+            "OK: connect\r\nOK: create tbl_kdx_tmp_test_1\r\nOK: create tbl_kdx_tmp_test_2\r\n"
+            "OK: insert tbl_kdx_tmp_test_1\r\nOK: insert tbl_kdx_tmp_test_2\r\n"
+            "OK: select tbl_kdx_tmp_test_2\r\nOK: join");
+  EXPECT_TRUE(DBCleanupCheckDatabase(db(), s.dsn, s.user, s.password));
+}
+
+TEST_P(InventoryTest, TypeTestAnswersTheStateOfTheConfiguredDatabaseNotOfTheCandidate) {
+  // A leftover of an earlier run is dropped before the tables are made.
+  MustExecute({"CREATE TABLE tbl_kdx_tmp_string (tmp_string VARCHAR(5))"});
+  DatabaseSettings configured = Settings();
+  configured.dsn = "no_such_dsn";
+  db().set_settings(configured);
+  EXPECT_EQ(DBExecuteTest(db(), TypeTestFields(), Decrypt), "OK|2")
+      << "the configured database cannot be reached (ConnectFailed), the candidate is complete";
+  db().set_settings(Settings());
+
+  const struct {
+    size_t field;
+    const char* value;
+    const char* answer;
+    const char* why;
+  } cases[] = {
+      {4, "many", "ERROR|2", "the width is first used by the string type's table"},
+      {4, "", "ERROR|2", "an empty width is no number either"},
+      {7, "many", "OK|1", "no step uses the part size"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(DBExecuteTest(db(), TypeTestFields(c.field, c.value), Decrypt), c.answer) << c.why;
+  }
 }
 
 TEST_P(InventoryTest, TypeTestNamesTheFailedStepAndLeavesNoScratchTable) {

@@ -1,5 +1,6 @@
 // The settings and database configuration requests, the free queries and the console address
 // filter, on each engine.
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -152,6 +153,29 @@ TEST_P(ConfigurationRequestsTest, ConnectionTestCredentialsAndTypeLists) {
   settings_.dsn = "current";
   EXPECT_TRUE(Configure(2, "").ends_with("\r\ncurrent"));
   EXPECT_EQ(Configure(9, ""), "");  // no such sub-command: an empty answer
+  // The machine-wide list: the test's data sources are system ones; a data source of the
+  // user's own file is not listed.
+  {
+    const std::string system_ini = std::getenv("ODBCINI");
+    const std::string user_ini = registry_path_ + ".odbc.ini";
+    std::ofstream(user_ini) << "[kalvo_user_only]\nDriver = SQLite3\nDatabase = /nonexistent\n";
+    ::setenv("ODBCINI", user_ini.c_str(), 1);
+    const std::vector<std::string> names = Split(Split(Configure(2, ""), "\r\n").at(0), kNul);
+    ::setenv("ODBCINI", system_ini.c_str(), 1);
+    std::filesystem::remove(user_ini);
+    EXPECT_EQ(std::count(names.begin(), names.end(), s.dsn), 1);
+    EXPECT_EQ(std::count(names.begin(), names.end(), "kalvo_user_only"), 0);
+  }
+
+  // A sub-command that is no number is a run-time error of the handler: no reply, and the
+  // login flag is left as it was.
+  for (const char* sub : {"x", ""}) {
+    state_.admin_login_flag = true;
+    ClearLog();
+    EXPECT_TRUE(Handle(3, Packet(351, good, sub)).empty()) << sub;
+    EXPECT_TRUE(state_.admin_login_flag) << sub;
+    EXPECT_TRUE(Logged("(DoSocketAction)")) << sub;
+  }
 
   state_.admin_login_flag = true;
   EXPECT_TRUE(Handle(3, Packet(351, good, "1")).empty());

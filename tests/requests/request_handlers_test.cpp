@@ -134,6 +134,28 @@ TEST_P(HandlersTest, GroupsAndChoiceLists) {
             std::string("Jeder$") + kJeder + "\r\nunknown (anna)$" + kAnna);
 }
 
+TEST_P(HandlersTest, GroupFieldsThatCannotBeStoredAnswerError) {
+  // A name longer than its column fails the write on PostgreSQL and MariaDB; SQLite does not
+  // enforce widths, so a trigger does it there.
+  if (GetParam() == Engine::kSqlite) {
+    MustExecute(
+        {"CREATE TRIGGER name_width BEFORE UPDATE ON tbl_kdx_groups "
+         "WHEN length(NEW.group_name) > 255 BEGIN SELECT RAISE(ABORT, 'value too long'); END"});
+  }
+  const std::string data = std::string(kJeder) + "|" + std::string(300, 'n') + "|Alle|5|";
+  EXPECT_EQ(Handle(2, Packet(302, data)).at(0).packet, Packet(302, "ERROR"));
+  EXPECT_TRUE(Logged("DBSetGroupData (Error)"));
+}
+
+TEST_P(HandlersTest, AnAuditQueryThatCannotConnectGivesTheRequestsMisc3Back) {
+  DatabaseSettings s = Settings();
+  s.dsn = "kalvo_no_such_dsn";
+  db().set_settings(s);
+  const auto sent = Handle(3, Packet(329, "", "1", "*\r\n*\r\n*\r\n*", "2027\r\n*"));
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].packet, Packet(329, "", "", "", "2027\r\n*"));
+}
+
 TEST_P(HandlersTest, AuditQueryAndClearingAnswerAs329WithoutTheSentLine) {
   Handle(1, Packet(101, kAnna, "", "anna", ""));
   Handle(1, Packet(102, kAnna));
