@@ -22,6 +22,9 @@ namespace {
 constexpr std::string_view kRoot = "HKEY_LOCAL_MACHINE:Software";
 constexpr std::string_view kMaker = "Orvanta";
 constexpr std::string_view kProduct = "Zentara";
+// The log may name users, addresses and statements: readable by the service's group (the
+// creating process's group) for its administrators, by nobody else.
+constexpr mode_t kLogFileMode = 0640;
 
 }  // namespace
 
@@ -52,18 +55,6 @@ void Log::ReadSettings(int32_t& level, int64_t& max_mib) {
   max_mib = max_mib_;
 }
 
-bool Log::WritesLines() {
-  try {
-    int32_t level;
-    int64_t max_mib;
-    ReadSettings(level, max_mib);
-    return level > 0;
-  } catch (...) {
-    // Let the line be built: writing it reports nothing either way.
-    return true;
-  }
-}
-
 void Log::WriteLog(std::string_view message, bool force, bool trace) {
   try {
     int32_t level;
@@ -79,7 +70,7 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
       line = LogTimestamp() + " - " + line;
       const std::string bytes = Cp1252ToUtf8(line) + "\r\n";
       const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
-      UniqueFd fd(::open(path_.c_str(), flags, 0644));
+      UniqueFd fd(::open(path_.c_str(), flags, kLogFileMode));
       struct stat st {};
       if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) return;
       // The write position is the file's length + 1 (1 for a new, empty file).
@@ -89,7 +80,7 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
         fd.Close();
         ::unlink(backup_path_.c_str());
         if (::rename(path_.c_str(), backup_path_.c_str()) != 0) return;
-        fd = UniqueFd(::open(path_.c_str(), flags, 0644));
+        fd = UniqueFd(::open(path_.c_str(), flags, kLogFileMode));
       }
       if (fd.get() < 0 || !WriteAll(fd.get(), bytes)) return;
     }
