@@ -329,9 +329,11 @@ TEST_P(ConsistencyTest, ACompleteDatabaseHasNoProblems) {
 
 TEST_P(ConsistencyTest, DoubledDefaultGroupAndItsJoinedMembershipAreFoundAndRepaired) {
   DoubleTheDefaultGroup();
-  // The registration looks the group up by name and stores both GUIDs in one row.
-  EXPECT_EQ(DBSetLastTokenConnect(db(), kAnna, "anna", "10.0.0.1", ""), "NEWTOKEN");
-  ASSERT_EQ(Memberships(), std::string(kAnna) + "|" + kJeder + " " + kJeder);
+  // The registration looks the group up by name and stores both GUIDs in one row; an engine
+  // that enforces the column's length refuses that row, and the token stays in no group.
+  const bool joined = GetParam() == Engine::kSqlite;
+  EXPECT_EQ(DBSetLastTokenConnect(db(), kAnna, "anna", "10.0.0.1", ""), joined ? "NEWTOKEN" : "");
+  ASSERT_EQ(Memberships(), joined ? std::string(kAnna) + "|" + kJeder + " " + kJeder : "");
   // A console had also put the token into another group, which the repair must keep.
   MustExecute(
       {std::string("INSERT INTO tbl_kdx_groups VALUES ('") + kAdmins + "', 'Admins', '', 31)",
@@ -339,16 +341,20 @@ TEST_P(ConsistencyTest, DoubledDefaultGroupAndItsJoinedMembershipAreFoundAndRepa
            "')"});
 
   const std::vector<std::string> problems = DBFindDataProblems(db());
-  ASSERT_EQ(problems.size(), 2u);
+  ASSERT_EQ(problems.size(), joined ? 2u : 1u);
   EXPECT_NE(problems[0].find("is stored 2 times"), std::string::npos) << problems[0];
-  EXPECT_NE(problems[1].find("1 membership row(s)"), std::string::npos) << problems[1];
+  if (joined) {
+    EXPECT_NE(problems[1].find("1 membership row(s)"), std::string::npos);
+  }
 
-  EXPECT_EQ(DBRepairData(db()), 2);  // one group row, one membership row
+  EXPECT_EQ(DBRepairData(db()), joined ? 2 : 1);  // the group row, and the joined row
   EXPECT_TRUE(DBFindDataProblems(db()).empty());
   EXPECT_EQ(Query("SELECT group_name, group_description, group_abilities FROM tbl_kdx_groups "
                   "WHERE group_guid = '2C39BFC3-7130-4937-B329-6C0863EC8375'"),
             "Jeder|Alle|0");
-  const std::string expected = std::string(kAnna) + "|" + kJeder + "$" + kAnna + "|" + kAdmins;
+  const std::string expected = joined
+                                   ? std::string(kAnna) + "|" + kJeder + "$" + kAnna + "|" + kAdmins
+                                   : std::string(kAnna) + "|" + kAdmins;
   EXPECT_EQ(Memberships(), expected);
   // Repairing a sound database changes nothing.
   EXPECT_EQ(DBRepairData(db()), 0);
@@ -356,6 +362,7 @@ TEST_P(ConsistencyTest, DoubledDefaultGroupAndItsJoinedMembershipAreFoundAndRepa
 }
 
 TEST_P(ConsistencyTest, JoinedRowWhosePairExistsIsOnlyDeleted) {
+  if (GetParam() != Engine::kSqlite) GTEST_SKIP() << "only SQLite stores a 73-character GUID";
   MustExecute(
       {std::string("INSERT INTO tbl_kdx_token_groups VALUES ('") + kAnna + "', '" + kJeder + "')",
        std::string("INSERT INTO tbl_kdx_token_groups VALUES ('") + kAnna + "', '" + kJeder + " " +
