@@ -22,7 +22,7 @@ if(NOT SCDOC)
   return()
 endif()
 set(generated)
-foreach(page kalvosrv.8 kalvoctl.1)
+foreach(page kalvosrv.8 kalvoctl.1 kalvosrv.reg.5)
   string(REGEX REPLACE ".*\\." "" section ${page})
   add_custom_command(
     OUTPUT ${deb_dir}/${page}.gz
@@ -66,6 +66,24 @@ install(FILES ${src}/registry.reg.example DESTINATION /etc/opt/zentara RENAME re
         COMPONENT deb EXCLUDE_FROM_ALL)
 install(FILES ${src}/kalvosrv.service DESTINATION /lib/systemd/system
         COMPONENT deb EXCLUDE_FROM_ALL)
+# The package's own ODBC configuration, which the unit names (ODBCSYSINI, ODBCINI): the
+# drivers with pooling and the SQLite data source, as configuration files.
+if(CMAKE_LIBRARY_ARCHITECTURE)
+  set(ARCH ${CMAKE_LIBRARY_ARCHITECTURE})
+else()
+  set(ARCH x86_64-linux-gnu)
+endif()
+configure_file(${src}/odbc/odbcinst.ini ${deb_dir}/odbcinst.ini @ONLY)
+install(FILES ${deb_dir}/odbcinst.ini ${src}/odbc/odbc.ini DESTINATION /etc/opt/zentara/odbc
+        COMPONENT deb EXCLUDE_FROM_ALL)
+list(APPEND conffiles /etc/opt/zentara/odbc/odbcinst.ini /etc/opt/zentara/odbc/odbc.ini)
+install(FILES ${src}/system/kalvosrv.logrotate DESTINATION /etc/logrotate.d RENAME kalvosrv
+        COMPONENT deb EXCLUDE_FROM_ALL)
+list(APPEND conffiles /etc/logrotate.d/kalvosrv)
+install(FILES ${src}/system/kalvosrv.tmpfiles DESTINATION /usr/lib/tmpfiles.d
+        RENAME kalvosrv.conf COMPONENT deb EXCLUDE_FROM_ALL)
+install(FILES ${src}/system/kalvosrv.sysusers DESTINATION /usr/lib/sysusers.d
+        RENAME kalvosrv.conf COMPONENT deb EXCLUDE_FROM_ALL)
 install(FILES ${src}/bash-completion/kalvosrv ${src}/bash-completion/kalvoctl
         DESTINATION /usr/share/bash-completion/completions COMPONENT deb EXCLUDE_FROM_ALL)
 install(FILES ${src}/registry.reg.example DESTINATION /usr/share/kalvosrv
@@ -85,7 +103,7 @@ endif()
 
 list(JOIN conffiles "\n" conffiles)
 file(WRITE ${deb_dir}/conffiles "${conffiles}\n")
-foreach(script postinst prerm postrm)
+foreach(script preinst postinst prerm postrm)
   configure_file(${src}/deb/${script} ${deb_dir}/${script} COPYONLY
                  FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                                   WORLD_READ WORLD_EXECUTE)
@@ -115,14 +133,17 @@ PostgreSQL or MariaDB). It runs as the hardened systemd service
 kalvosrv.service. The package also holds the command-line console
 kalvoctl and, where built, the desktop companion kalvotray.")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${deb_dir}/conffiles ${deb_dir}/postinst ${deb_dir}/prerm ${deb_dir}/postrm)
+    ${deb_dir}/conffiles ${deb_dir}/preinst ${deb_dir}/postinst ${deb_dir}/prerm
+    ${deb_dir}/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
 # Library dependencies are worked out when the package is made (PackageDepends.cmake.in):
 # the server's and the console's as Depends, the companion's (Qt) as Recommends, so that a
 # server without a desktop need not carry Qt.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
-set(KALVO_DEB_DEPENDS "adduser")
-set(KALVO_DEB_RECOMMENDS "libsqliteodbc, odbcinst")
+# The SQLite driver serves the default data source: without it the installed server cannot
+# start.
+set(KALVO_DEB_DEPENDS "adduser, libsqliteodbc")
+set(KALVO_DEB_RECOMMENDS "odbcinst")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "odbc-postgresql, odbc-mariadb")
 set(KALVO_REQUIRED_PROGRAMS ${CMAKE_BINARY_DIR}/kalvosrv ${CMAKE_BINARY_DIR}/kalvoctl)
 configure_file(${CMAKE_SOURCE_DIR}/cmake/PackageDepends.cmake.in

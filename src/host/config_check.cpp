@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cstring>
@@ -10,9 +11,11 @@
 #include <istream>
 #include <ostream>
 
+#include "db/consistency.h"
 #include "db/data_sources.h"
 #include "db/odbc_handles.h"
 #include "db/schema.h"
+#include "infra/ini_file.h"
 #include "infra/language.h"
 #include "infra/log.h"
 #include "infra/registry.h"
@@ -91,6 +94,52 @@ std::string BindProblem(const std::string& address, int32_t port) {
   return "";
 }
 
+// Whether a running kalvosrv serves `port`: its status endpoint on 127.0.0.1:`status_port`
+// answers and names that port. Asking the server itself needs no privilege, where finding
+// the socket's process would.
+bool RunningServerHolds(int32_t port, int32_t status_port) {
+  if (status_port < 1 || status_port > 65535) return false;
+  UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in where{};
+  where.sin_family = AF_INET;
+  where.sin_port = htons(static_cast<uint16_t>(status_port));
+  where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (fd.get() < 0 || ::connect(fd.get(), reinterpret_cast<sockaddr*>(&where), sizeof where) != 0) {
+    return false;
+  }
+  const std::string request = "GET /status HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+  if (!WriteAll(fd.get(), request)) return false;
+  std::string answer;
+  char buf[4096];
+  pollfd p{fd.get(), POLLIN, 0};
+  while (answer.size() < 65536 && ::poll(&p, 1, 2000) > 0) {
+    const ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    if (n <= 0) break;
+    answer.append(buf, static_cast<size_t>(n));
+  }
+  return answer.find("\"listening\":true") != std::string::npos &&
+         answer.find("\"port\":" + std::to_string(port) + ",") != std::string::npos;
+}
+
+// For a data source of the SQLite driver: the directory its database file should lie in,
+// when that directory does not exist ("" otherwise). The driver's own message only says
+// that the connect failed.
+std::string MissingDatabaseDirectory(const std::string& dsn, const std::string& driver) {
+  if (driver.find("SQLite") == std::string::npos) return "";
+  // The system data sources: $ODBCINI, else odbc.ini in $ODBCSYSINI, else /etc/odbc.ini.
+  const char* ini = std::getenv("ODBCINI");
+  const char* sys = std::getenv("ODBCSYSINI");
+  const std::string path =
+      ini != nullptr && *ini != '\0'
+          ? ini
+          : std::string(sys != nullptr && *sys != '\0' ? sys : "/etc") + "/odbc.ini";
+  const std::string file = ReadIniText(path, dsn, "Database");
+  const std::filesystem::path dir = std::filesystem::path(file).parent_path();
+  std::error_code ec;
+  if (file.empty() || dir.empty() || std::filesystem::is_directory(dir, ec)) return "";
+  return dir.string();
+}
+
 void CheckDatabaseSettings(const Settings& s, std::vector<Finding>& out) {
   auto missing = [&](bool bad, const std::string& what) {
     if (bad) out.push_back({true, what});
@@ -116,6 +165,12 @@ void CheckPooling(OdbcEnvironment& env, const Settings& s, std::vector<Finding>&
                              "\" is not defined: add it to odbc.ini (odbcinst -q -s lists "
                              "the defined ones)"});
     return;
+  }
+  if (std::string dir = MissingDatabaseDirectory(U(s.dsn), source->driver); !dir.empty()) {
+    out.push_back({true, "the directory " + dir +
+                             " of the data source's SQLite database does "
+                             "not exist: create it, writable by the service's user (the package "
+                             "makes /var/lib/kalvosrv)"});
   }
   if (!OdbcPoolingEnabled()) {
     out.push_back({true,
@@ -200,10 +255,23 @@ std::vector<Finding> PreflightOf(const ServerOptions& options, Loaded& loaded,
                                std::string(TableStateName(state)) +
                                "): run \"kalvosrv --init-database\" on an empty database, or "
                                "\"kalvosrv --upgrade-database\" on one made by an older version"});
+    } else {
+      for (const std::string& problem : DBFindDataProblems(database)) {
+        out.push_back({true, U(problem) + ": run \"kalvosrv --repair-database\" (with the "
+                                          "service stopped)"});
+      }
     }
   }
   if (scope.port && port >= 1 && port <= 65535) {
     if (std::string problem = BindProblem(options.listen_address, port); !problem.empty()) {
+      if (RunningServerHolds(port, s.status_port)) {
+        out.push_back({false,
+                       "port " + std::to_string(port) +
+                           " is served by the running kalvosrv (its status endpoint says so); "
+                           "a reload or restart keeps it",
+                       true});
+        return out;
+      }
       out.push_back({true, "port " + std::to_string(port) + " on " + options.listen_address +
                                " cannot be bound (" + problem +
                                "): another program (or a running kalvosrv) uses it; stop it "
@@ -269,7 +337,7 @@ int CheckConfig(const ServerOptions& options, std::ostream& out) {
   }
   int errors = 0;
   for (const Finding& f : findings) {
-    out << (f.error ? "ERROR: " : "WARNING: ") << f.text << "\n";
+    out << (f.error ? "ERROR: " : f.note ? "NOTE: " : "WARNING: ") << f.text << "\n";
     errors += f.error ? 1 : 0;
   }
   if (errors > 0) {
@@ -295,6 +363,25 @@ int ConfigureDatabaseFromShell(const ServerOptions& options, bool upgrade, std::
   }
   OdbcEnvironment env;
   Database database(env, loaded.log, DatabaseSettingsFrom(s));
+  if (!upgrade) {
+    // Creating on a database that has tables fails for every table and adds the default
+    // group a second time: refuse before anything is written.
+    const TableState before = DBIsDatabaseUpToDate(database);
+    if (before == TableState::kConnectFailed) {
+      out << "initialisation of \"" << U(s.dsn) << "\": -1 (the database cannot be reached; "
+          << "see the log file " << loaded.log.path() << ")\n";
+      return 1;
+    }
+    if (before != TableState::kNoTables) {
+      out << "ERROR: the database \"" << U(s.dsn) << "\" has tables already (state "
+          << TableStateName(before) << "): --init-database works only on a database without "
+          << "any of the server's tables, so nothing was changed. Run \"kalvosrv "
+             "--upgrade-database\" to add missing tables and columns, and \"kalvosrv "
+             "--check-config\" to check the data (\"kalvosrv --repair-database\" puts a "
+             "doubled default group right)\n";
+      return 1;
+    }
+  }
   ConfigDatabaseHooks hooks;
   hooks.language = [&language](std::string_view section, std::string_view key) {
     return language.GetLanguageString(section, key);
@@ -332,6 +419,25 @@ int ConfigureDatabaseFromShell(const ServerOptions& options, bool upgrade, std::
            "that has no tables yet\n";
   }
   return 1;
+}
+
+int RepairDatabaseFromShell(const ServerOptions& options, std::ostream& out) {
+  if (std::string problem = RegistryFileProblem(options.registry_path); !problem.empty()) {
+    out << "ERROR: " << problem << "\n";
+    return 1;
+  }
+  Loaded loaded(options);
+  OdbcEnvironment env;
+  Database database(env, loaded.log, DatabaseSettingsFrom(loaded.settings));
+  const int32_t deleted = DBRepairData(database);
+  if (deleted < 0) {
+    out << "ERROR: the repair failed; see the log file " << loaded.log.path() << "\n";
+    return 1;
+  }
+  out << "repair of \"" << U(loaded.settings.dsn) << "\": " << deleted << " row(s) replaced\n";
+  const std::vector<std::string> left = DBFindDataProblems(database);
+  for (const std::string& problem : left) out << "ERROR: " << U(problem) << "\n";
+  return left.empty() ? 0 : 1;
 }
 
 int EncryptCredential(std::istream& in, std::ostream& out) {

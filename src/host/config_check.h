@@ -14,6 +14,7 @@ namespace kalvo {
 struct Finding {
   bool error = true;  // false: a warning, which does not fail the preflight
   std::string text;
+  bool note = false;  // with `error` false: a plain remark, nothing to do
 };
 
 // What the preflight looks at besides the files and settings.
@@ -32,11 +33,17 @@ std::vector<Finding> Preflight(const ServerOptions& options, const PreflightScop
 // preflight to `out`. Gives 0 when there is no error, 1 otherwise.
 int CheckConfig(const ServerOptions& options, std::ostream& out);
 
-// Creates the tables, the default group and the lookup indexes (`upgrade` false), or adds
+// Creates the tables, the default group and the lookup indexes (`upgrade` false; refused,
+// changing nothing, unless the database has none of the tables), or adds
 // what is missing to existing tables (`upgrade` true), on the database the registry file
 // configures; prints the result code with its meaning and the database's state. Gives 0 on
 // success, 1 otherwise.
 int ConfigureDatabaseFromShell(const ServerOptions& options, bool upgrade, std::ostream& out);
+
+// Puts right the data that the preflight reports as unusable (a doubled default group,
+// membership rows holding several GUIDs) on the database the registry file configures;
+// prints what it did and what is left. Gives 0 when nothing is left, 1 otherwise.
+int RepairDatabaseFromShell(const ServerOptions& options, std::ostream& out);
 
 // Reads one line of UTF-8 text from `in` and prints its cipher text for LoginUser/LoginPass.
 int EncryptCredential(std::istream& in, std::ostream& out);

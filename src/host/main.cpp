@@ -16,7 +16,8 @@ namespace {
 constexpr const char* kDefaultRegistry = "/etc/opt/zentara/registry.reg";
 constexpr const char* kUsage =
     "usage: kalvosrv [--registry FILE] [--log-file FILE] [--listen-address IPV4] "
-    "[--foreground | --check-config | --init-database | --upgrade-database | --encrypt | "
+    "[--foreground | --check-config | --init-database | --upgrade-database | "
+    "--repair-database | --encrypt | "
     "--decrypt | --version | --help]";
 
 std::string DefaultRegistryPath() {
@@ -40,7 +41,7 @@ int main(int argc, char** argv) {
   kalvo::ServerOptions options;
   options.registry_path = DefaultRegistryPath();
   bool foreground = false, check_config = false, encrypt = false, decrypt = false, version = false;
-  bool init_database = false, upgrade_database = false;
+  bool init_database = false, upgrade_database = false, repair_database = false;
   app.add_option(
       "--registry", options.registry_path,
       "registry file (.reg); default $KALVOSRV_REGISTRY or " + std::string(kDefaultRegistry));
@@ -58,10 +59,14 @@ int main(int argc, char** argv) {
                "there is no error, 1 otherwise");
   app.add_flag("--init-database", init_database,
                "create the tables, the default group and the lookup indexes on the configured "
-               "(empty) database; exit 0 when the database is then complete, 1 otherwise");
+               "database, which must have none of the tables yet (else nothing is changed); "
+               "exit 0 when the database is then complete, 1 otherwise");
   app.add_flag("--upgrade-database", upgrade_database,
                "add missing tables, columns and lookup indexes to the configured database; "
                "exit 0 when it is then complete, 1 otherwise");
+  app.add_flag("--repair-database", repair_database,
+               "keep one row of a doubled default group and split membership rows that hold "
+               "several GUIDs (what --check-config reports); stop the service first");
   app.add_flag("--encrypt", encrypt,
                "read one line from standard input and print its cipher text for the "
                "LoginUser/LoginPass registry values");
@@ -87,6 +92,7 @@ int main(int argc, char** argv) {
   options.program = kalvo::CurrentProgram();
   options.language_id = kalvo::LanguageIdFromLocale();
   if (check_config) return kalvo::CheckConfig(options, std::cout);
+  if (repair_database) return kalvo::RepairDatabaseFromShell(options, std::cout);
   if (init_database || upgrade_database) {
     if (init_database && upgrade_database) {
       std::cerr << "kalvosrv: --init-database and --upgrade-database exclude each other\n"

@@ -23,6 +23,9 @@ namespace {
 constexpr std::string_view kRoot = "HKEY_LOCAL_MACHINE:Software";
 constexpr std::string_view kMaker = "Orvanta";
 constexpr std::string_view kProduct = "Zentara";
+// The log may name users, addresses and statements: readable by the service's group (the
+// creating process's group) for its administrators, by nobody else.
+constexpr mode_t kLogFileMode = 0640;
 
 }  // namespace
 
@@ -53,18 +56,6 @@ void Log::ReadSettings(int32_t& level, int64_t& max_mib) {
   max_mib = max_mib_;
 }
 
-bool Log::WritesLines() {
-  try {
-    int32_t level;
-    int64_t max_mib;
-    ReadSettings(level, max_mib);
-    return level > 0;
-  } catch (...) {
-    // Let the line be built: writing it reports nothing either way.
-    return true;
-  }
-}
-
 void Log::WriteLog(std::string_view message, bool force, bool trace) {
   try {
     int32_t level;
@@ -85,7 +76,7 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
         return std::string(what) + " " + path_ + ": " + std::strerror(errno);
       };
       std::string problem;
-      UniqueFd fd(::open(path_.c_str(), flags, 0644));
+      UniqueFd fd(::open(path_.c_str(), flags, kLogFileMode));
       struct stat st {};
       if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) {
         problem = failed("cannot open");
@@ -99,7 +90,7 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
           if (::rename(path_.c_str(), backup_path_.c_str()) != 0) {
             problem = failed("cannot rotate");
           } else {
-            fd = UniqueFd(::open(path_.c_str(), flags, 0644));
+            fd = UniqueFd(::open(path_.c_str(), flags, kLogFileMode));
             if (fd.get() < 0) problem = failed("cannot open");
           }
         }

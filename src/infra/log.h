@@ -31,12 +31,10 @@ class Log {
   // `force` is set; nothing at all when it is negative. Rotates to ".log.bak" first when the
   // line would take the file past `LogMaxSize` MiB (default 5). With `trace`, the line (the
   // bare message when the file was skipped) also goes to the trace object, if one is set.
-  // The file holds UTF-8. Never throws: a failure loses this one line.
+  // The file holds UTF-8 and is created with mode 0640. It is opened and closed for every
+  // line, so renaming it away (log rotation) between two lines loses nothing: the next line
+  // creates a new file. Never throws: a failure loses this one line.
   void WriteLog(std::string_view message, bool force = false, bool trace = false);
-
-  // True when a line written now without `force` would reach the file, so that a caller can
-  // skip building a long line that would only be dropped. Never throws.
-  bool WritesLines();
 
   // Writes "Fehler: <number> - <description> (<procedure>) {<extra>}". Never throws.
   void LogError(int32_t number, std::string_view description, std::string_view procedure,

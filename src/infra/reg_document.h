@@ -31,13 +31,20 @@ struct RegValue {
   std::string name;
   uint32_t type = kRegNone;
   std::string data;
-  bool operator==(const RegValue&) const = default;
+  // The comment and blank lines of the file that stood right above this value, each ending
+  // in "\n", written back in front of it; not part of the value (equality ignores them).
+  std::string comment = {};
+  bool operator==(const RegValue& other) const {
+    return name == other.name && type == other.type && data == other.data;
+  }
 };
 
-// One key: its canonical path ("HKEY_LOCAL_MACHINE\Software\...") and its values.
+// One key: its canonical path ("HKEY_LOCAL_MACHINE\Software\..."), its values, and the
+// comment lines that stood above its section line (each ending in "\n").
 struct RegKey {
   std::string path;
   std::vector<RegValue> values;
+  std::string comment = {};
 };
 
 // Case folding of a Windows-1252 name for comparisons (upper case, as Windows compares).
@@ -68,6 +75,8 @@ class RegDocument {
   RegFormat format = RegFormat::kRegedit4;
   FileEncoding encoding = FileEncoding::kCp1252;
   std::string line_end = "\r\n";
+  // Comment lines after the last value of the file (each ending in "\n").
+  std::string trailer;
 
   // True when the key exists (see above).
   bool KeyExists(std::string_view path) const;

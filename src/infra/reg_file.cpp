@@ -184,16 +184,19 @@ std::optional<ParsedValue> ParseValueLine(std::string_view line, RegFormat forma
 // through indexes, so that a key with many values costs no more per value than one with few.
 class KeyCollector {
  public:
-  // The section of the key, added at the end when it is new. Valid until the next call.
-  size_t Section(const std::string& canonical) {
+  // The section of the key, added at the end when it is new, and whether it was new. Valid
+  // until the next call.
+  size_t Section(const std::string& canonical, bool* added_out = nullptr) {
     ++lookups_;
     auto [it, added] = index_.try_emplace(RegFoldName(canonical), keys_.size());
     if (added) {
       keys_.push_back(RegKey{canonical, {}});
       value_index_.emplace_back();
     }
+    if (added_out != nullptr) *added_out = added;
     return it->second;
   }
+  RegKey& Key(size_t section) { return keys_[section]; }
   // Adds the value to section `section`, or replaces the one of the same name in its place.
   void PutValue(size_t section, RegValue value) {
     ++lookups_;
@@ -203,6 +206,7 @@ class KeyCollector {
     if (added) {
       values.push_back(std::move(value));
     } else {
+      // The first occurrence keeps its place and its comment.
       values[it->second].type = value.type;
       values[it->second].data = std::move(value.data);
     }
@@ -251,7 +255,38 @@ void AppendHexData(std::string& out, std::string_view bytes, std::string_view li
   }
 }
 
+// Lines kept as "\n"-terminated text, written with the document's line end.
+void AppendCommentLines(std::string& out, std::string_view lines, std::string_view line_end) {
+  for (size_t start = 0; start < lines.size();) {
+    const size_t end = std::min(lines.find('\n', start), lines.size());
+    out += lines.substr(start, end - start);
+    out += line_end;
+    start = end + 1;
+  }
+}
+
+// `lines` ("\n"-terminated) without the blank lines at its start and, with `at_end`, at its
+// end.
+std::string WithoutBlankLines(std::string_view lines, bool at_end) {
+  std::vector<std::string_view> kept;
+  for (size_t start = 0; start < lines.size();) {
+    const size_t end = std::min(lines.find('\n', start), lines.size());
+    kept.push_back(lines.substr(start, end - start));
+    start = end + 1;
+  }
+  auto blank = [](std::string_view line) { return Trim(line).empty(); };
+  while (!kept.empty() && blank(kept.front())) kept.erase(kept.begin());
+  while (at_end && !kept.empty() && blank(kept.back())) kept.pop_back();
+  std::string out;
+  for (std::string_view line : kept) {
+    out += line;
+    out += '\n';
+  }
+  return out;
+}
+
 void AppendValue(std::string& out, const RegValue& value, const RegDocument& doc) {
+  AppendCommentLines(out, value.comment, doc.line_end);
   out += value.name.empty() ? std::string("@") : Quote(value.name);
   out += '=';
   if (value.type == kRegSz &&
@@ -312,11 +347,22 @@ RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn, ui
   // warning of their own.
   bool values_ignored = false;
   bool header_seen = false;
+  // Comment and blank lines since the last key or value line: they go with the next one, so
+  // that a rewrite keeps an administrator's notes where they were.
+  std::string pending;
   for (size_t i = 0; i < lines.size(); ++i) {
     const size_t line_no = i + 1;
     steps += lines[i].size() + 1;
     std::string line(Trim(lines[i]));
-    if (line.empty() || line.front() == ';') continue;
+    if (line.empty() || line.front() == ';') {
+      if (header_seen) {
+        std::string_view raw = lines[i];
+        if (raw.ends_with('\r')) raw.remove_suffix(1);
+        pending += raw;
+        pending += '\n';
+      }
+      continue;
+    }
     if (!header_seen) {
       header_seen = true;
       if (line == kHeader4) {
@@ -363,7 +409,13 @@ RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn, ui
         report(line_no, "unknown hive or malformed key name skipped");
         continue;
       }
-      current = keys.Section(canonical);
+      bool added = false;
+      current = keys.Section(canonical, &added);
+      if (added) {
+        // One blank line before a section is the writer's own.
+        keys.Key(current).comment = WithoutBlankLines(pending, false);
+        pending.clear();
+      }
     } else if (line.front() == '"' || line.front() == '@') {
       std::string error;
       std::optional<ParsedValue> parsed = ParseValueLine(line, doc.format, error);
@@ -372,12 +424,15 @@ RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn, ui
       } else if (current == kNoSection) {
         if (!values_ignored) report(line_no, "value line outside of any key skipped");
       } else if (!parsed->deletion) {
+        parsed->value.comment = std::move(pending);
+        pending.clear();
         keys.PutValue(current, std::move(parsed->value));
       }
     } else {
       report(line_no, "unrecognised line skipped");
     }
   }
+  doc.trailer = WithoutBlankLines(pending, true);
   doc.SetKeys(keys.Take());
   if (work != nullptr) *work = steps + keys.lookups();
   return doc;
@@ -388,6 +443,7 @@ std::string FormatRegFile(const RegDocument& doc) {
   out += doc.line_end;
   out += doc.line_end;
   for (const RegKey& key : doc.keys()) {
+    AppendCommentLines(out, key.comment, doc.line_end);
     out += '[';
     out += key.path;
     out += ']';
@@ -395,6 +451,7 @@ std::string FormatRegFile(const RegDocument& doc) {
     for (const RegValue& value : key.values) AppendValue(out, value, doc);
     out += doc.line_end;
   }
+  AppendCommentLines(out, doc.trailer, doc.line_end);
   return EncodeTextFile(out, doc.encoding);
 }
 

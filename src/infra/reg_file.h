@@ -19,6 +19,8 @@ using RegParseWarning = std::function<void(size_t line, const std::string& messa
 // when the bytes are valid UTF-8) and "Windows Registry Editor Version 5.00" files in
 // UTF-16LE with byte-order mark; CRLF or LF line ends; ";" comments; hex data continued over
 // lines with a trailing backslash; "\\" and "\"" escapes in quoted names and strings.
+// Comment and blank lines are kept with the key or value below them (RegKey::comment,
+// RegValue::comment) or, at the end of the file, as RegDocument::trailer.
 // Key deletions ("[-KEY]", and the values listed under them) and value deletions
 // ("name"=-) are ignored. Text data in hex(1), hex(2) and hex(7) are decoded from the file's
 // dialect (single bytes in REGEDIT4, UTF-16LE in 5.00) to Windows-1252; other hex(N) data are
@@ -37,8 +39,9 @@ RegDocument ParseRegFile(std::string_view bytes, const RegParseWarning& warn,
 
 // The bytes of a .reg file holding `doc`, in the dialect, encoding and line end it records.
 // Strings without NUL, CR or LF are written quoted, four-byte REG_DWORDs as "dword:", all
-// else as hex data wrapped over lines of at most 80 characters. Comments of the file the
-// document came from are not kept: a rewrite drops them.
+// else as hex data wrapped over lines of at most 80 characters. The comment lines the parser
+// kept go back above the key, value or end of file they stood at, so a rewrite changes only
+// what was changed (and the blank lines between sections, one before each).
 std::string FormatRegFile(const RegDocument& doc);
 
 }  // namespace kalvo

@@ -216,20 +216,40 @@ bool RegistryStore::WriteLocked(const RegDocument& doc, const std::string& targe
   // One fixed temporary name is enough under the lock; a leftover of a writer killed midway
   // is simply overwritten by the next one.
   const std::string temp = target + ".tmp";
+  const std::string bytes = FormatRegFile(doc);
   struct stat old {};
   const bool had_file = ::stat(target.c_str(), &old) == 0;
-  UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   if (fd.get() < 0) return false;
+  bool same_owner = true;
   if (had_file) {
-    // Keep the permissions (settings hold credentials) and, where allowed, the owner.
+    // Keep the permissions (settings hold credentials) and the owner: root may give the file
+    // to anyone, others at least to a group they belong to.
     ::fchmod(fd.get(), old.st_mode & 07777);
-    if (::geteuid() == 0 && ::fchown(fd.get(), old.st_uid, old.st_gid) != 0) {
-      // Not fatal: the file keeps our own ownership.
+    if (::fchown(fd.get(), old.st_uid, old.st_gid) != 0) {
+      // Checked below through what the new file holds.
     }
+    struct stat made {};
+    same_owner =
+        ::fstat(fd.get(), &made) == 0 && made.st_uid == old.st_uid && made.st_gid == old.st_gid;
   }
-  const bool ok = WriteAll(fd.get(), FormatRegFile(doc)) && ::fsync(fd.get()) == 0 && fd.Close() &&
-                  ::rename(temp.c_str(), target.c_str()) == 0;
-  if (!ok) {
+  if (!WriteAll(fd.get(), bytes) || ::fsync(fd.get()) != 0 || !fd.Close()) {
+    ::unlink(temp.c_str());
+    return false;
+  }
+  if (!same_owner) {
+    // The service may write the administrator's file (root:kalvosrv, mode 0660) but not make
+    // a new one of that owner: replacing it would hand it to the service. It is rewritten in
+    // place instead; the complete new content stays in the temporary file until that is done,
+    // so a writer killed midway leaves it to be recovered by hand.
+    UniqueFd in_place(::open(target.c_str(), O_WRONLY | O_CLOEXEC));
+    const bool ok = in_place.get() >= 0 && WriteAll(in_place.get(), bytes) &&
+                    ::ftruncate(in_place.get(), static_cast<off_t>(bytes.size())) == 0 &&
+                    ::fsync(in_place.get()) == 0 && in_place.Close();
+    ::unlink(temp.c_str());
+    return ok;
+  }
+  if (::rename(temp.c_str(), target.c_str()) != 0) {
     ::unlink(temp.c_str());
     return false;
   }

@@ -76,7 +76,9 @@ class RegistryStore {
 
   // Read-modify-write: under the lock, re-reads the file, calls `change` on its content and,
   // when `change` gives true, writes the result atomically (temporary file beside it, fsync,
-  // rename, fsync of the directory). Gives true when the file was written. When the file
+  // rename, fsync of the directory). The file keeps its mode, owner and group; where this
+  // process cannot give a new file that owner (the service writing root's file), the file is
+  // rewritten in place instead of replaced. Gives true when the file was written. When the file
   // exists but cannot be read, gives false without calling `change`, so that a write never
   // replaces content it could not see. `change` must not call back into this store.
   bool Modify(const std::function<bool(RegDocument&)>& change);

@@ -30,11 +30,10 @@ BackupMaxima BackupMaximaFrom(const Settings& settings) {
 
 void StoreClientBackup(Request& r) {
   SocketDataStruct& record = r.record();
-  // The line holds the whole backup: it is built only when it is written.
-  if (r.ctx.log.WritesLines()) {
-    r.ctx.log.WriteLog("DoSocketAction: Misc1:" + record.Misc1 + " - Misc2: " + record.Misc2 +
-                       " - Misc3: " + record.Misc3 + " - Data: " + record.Data);
-  }
+  // A backup is the token's key material: the log names its size, never its bytes.
+  r.ctx.log.WriteLog("DoSocketAction: Misc1:" + record.Misc1 + " - Misc2: " + record.Misc2 +
+                     " - Misc3: " + record.Misc3 +
+                     " - Data: " + std::to_string(record.Data.size()) + " bytes");
   r.Audit(AuditAction::kBackup);
   const std::string type = record.Misc2;
   std::string error;

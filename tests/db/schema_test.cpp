@@ -1,9 +1,13 @@
-// Creating, dropping, upgrading and checking the server's tables on each engine.
+// Creating, dropping, upgrading and checking the server's tables on each engine, and the
+// check and repair of data the operations cannot work with (a doubled default group and the
+// membership rows a registration stores while it is doubled).
 #include "db/schema.h"
 
 #include <string>
 
-#include "db_fixture.h"
+#include "db/consistency.h"
+#include "db/tokens.h"
+#include "domain_fixture.h"
 
 namespace kalvo::testing {
 namespace {
@@ -297,6 +301,85 @@ TEST_P(SchemaTest, LookupIndexesComeWithTheTablesAndTheUpgradeWithoutCountingOrC
 }
 
 KALVO_INSTANTIATE_ENGINES(SchemaTest);
+
+constexpr const char* kAnna = "A1B2C3D4-0000-4000-8000-00000000000A";
+constexpr const char* kAdmins = "B0000000-0000-4000-8000-000000000001";
+
+class ConsistencyTest : public DomainDbTest {
+ protected:
+  // What a second creation of the default data on a filled database leaves.
+  void DoubleTheDefaultGroup() {
+    MustExecute(
+        {"INSERT INTO tbl_kdx_groups VALUES ('2C39BFC3-7130-4937-B329-6C0863EC8375', "
+         "'Jeder', 'Alle', 0)"});
+  }
+  std::string Memberships() {
+    return Query(
+        "SELECT token_guid, group_guid FROM tbl_kdx_token_groups "
+        "ORDER BY token_guid, group_guid");
+  }
+};
+
+TEST_P(ConsistencyTest, ACompleteDatabaseHasNoProblems) {
+  EXPECT_EQ(DBSetLastTokenConnect(db(), kAnna, "anna", "10.0.0.1", ""), "NEWTOKEN");
+  EXPECT_TRUE(DBFindDataProblems(db()).empty());
+  EXPECT_EQ(DBRepairData(db()), 0);
+  EXPECT_EQ(Memberships(), std::string(kAnna) + "|" + kJeder);
+}
+
+TEST_P(ConsistencyTest, DoubledDefaultGroupAndItsJoinedMembershipAreFoundAndRepaired) {
+  DoubleTheDefaultGroup();
+  // The registration looks the group up by name and stores both GUIDs in one row; an engine
+  // that enforces the column's length refuses that row, and the token stays in no group.
+  const bool joined = GetParam() == Engine::kSqlite;
+  EXPECT_EQ(DBSetLastTokenConnect(db(), kAnna, "anna", "10.0.0.1", ""), joined ? "NEWTOKEN" : "");
+  ASSERT_EQ(Memberships(), joined ? std::string(kAnna) + "|" + kJeder + " " + kJeder : "");
+  // A console had also put the token into another group, which the repair must keep.
+  MustExecute(
+      {std::string("INSERT INTO tbl_kdx_groups VALUES ('") + kAdmins + "', 'Admins', '', 31)",
+       std::string("INSERT INTO tbl_kdx_token_groups VALUES ('") + kAnna + "', '" + kAdmins +
+           "')"});
+
+  const std::vector<std::string> problems = DBFindDataProblems(db());
+  ASSERT_EQ(problems.size(), joined ? 2u : 1u);
+  EXPECT_NE(problems[0].find("is stored 2 times"), std::string::npos) << problems[0];
+  if (joined) {
+    EXPECT_NE(problems[1].find("1 membership row(s)"), std::string::npos);
+  }
+
+  EXPECT_EQ(DBRepairData(db()), joined ? 2 : 1);  // the group row, and the joined row
+  EXPECT_TRUE(DBFindDataProblems(db()).empty());
+  EXPECT_EQ(Query("SELECT group_name, group_description, group_abilities FROM tbl_kdx_groups "
+                  "WHERE group_guid = '2C39BFC3-7130-4937-B329-6C0863EC8375'"),
+            "Jeder|Alle|0");
+  const std::string expected = joined
+                                   ? std::string(kAnna) + "|" + kJeder + "$" + kAnna + "|" + kAdmins
+                                   : std::string(kAnna) + "|" + kAdmins;
+  EXPECT_EQ(Memberships(), expected);
+  // Repairing a sound database changes nothing.
+  EXPECT_EQ(DBRepairData(db()), 0);
+  EXPECT_EQ(Memberships(), expected);
+}
+
+TEST_P(ConsistencyTest, JoinedRowWhosePairExistsIsOnlyDeleted) {
+  if (GetParam() != Engine::kSqlite) GTEST_SKIP() << "only SQLite stores a 73-character GUID";
+  MustExecute(
+      {std::string("INSERT INTO tbl_kdx_token_groups VALUES ('") + kAnna + "', '" + kJeder + "')",
+       std::string("INSERT INTO tbl_kdx_token_groups VALUES ('") + kAnna + "', '" + kJeder + " " +
+           kJeder + "')"});
+  EXPECT_EQ(DBRepairData(db()), 1);
+  EXPECT_EQ(Memberships(), std::string(kAnna) + "|" + kJeder);
+}
+
+TEST_P(ConsistencyTest, MissingTablesAreReportedAsUncheckable) {
+  MustExecute({"DROP TABLE tbl_kdx_token_groups"});
+  const std::vector<std::string> problems = DBFindDataProblems(db());
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_NE(problems[0].find("could not be checked"), std::string::npos);
+  EXPECT_EQ(DBRepairData(db()), -1);
+}
+
+KALVO_INSTANTIATE_ENGINES(ConsistencyTest);
 
 }  // namespace
 }  // namespace kalvo::testing

@@ -101,10 +101,16 @@ TEST(DatabaseCommands, InitialiseThenUpgradeAnEmptyDatabase) {
             std::string::npos)
       << o.out;
   EXPECT_NE(o.out.find("database state: UpToDate (1)"), std::string::npos) << o.out;
-  // A second initialisation cannot create what exists: it fails and says what to use.
+  // A second initialisation is refused before it writes anything (it would add the default
+  // group again) and says what to use; the database stays sound.
   o = s.Run("--init-database");
   EXPECT_EQ(o.status, 1) << o.out;
-  EXPECT_NE(o.out.find("--upgrade-database"), std::string::npos) << o.out;
+  EXPECT_NE(o.out.find("has tables already (state UpToDate)"), std::string::npos) << o.out;
+  EXPECT_NE(o.out.find("\"kalvosrv --upgrade-database\""), std::string::npos) << o.out;
+  EXPECT_EQ(o.out.find("initialisation of"), std::string::npos) << o.out;
+  o = s.Run("--check-config");
+  EXPECT_EQ(o.status, 0) << o.out;
+  EXPECT_EQ(s.Run("--repair-database").out, "repair of \"kalvo_pf\": 0 row(s) replaced\n");
   o = s.Run("--upgrade-database");
   EXPECT_EQ(o.status, 0) << o.out;
   EXPECT_NE(o.out.find("0 (the tables are upgraded)"), std::string::npos) << o.out;
@@ -113,6 +119,11 @@ TEST(DatabaseCommands, InitialiseThenUpgradeAnEmptyDatabase) {
   o = s.Run("--init-database");
   EXPECT_EQ(o.status, 1) << o.out;
   EXPECT_NE(o.out.find("-1 (the database cannot be reached"), std::string::npos) << o.out;
+  // The preflight names the directory that is missing, not only the driver's failure.
+  o = s.Run("--check-config");
+  EXPECT_NE(o.out.find("ERROR: the directory /nonexistent/dir of the data source's SQLite"),
+            std::string::npos)
+      << o.out;
   EXPECT_EQ(s.Run("--init-database --upgrade-database").status, 2);
 }
 

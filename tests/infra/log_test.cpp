@@ -116,6 +116,21 @@ TEST_F(LogTest, CaughtExceptionsAreLoggedWithAFittingNumber) {
   EXPECT_NE(text.find("Fehler: 9 - index 7 (B) {}"), std::string::npos);
 }
 
+TEST_F(LogTest, FileIsPrivateToTheGroupAndSurvivesRotationByRename) {
+  const mode_t old_umask = ::umask(0);  // the mode must not rely on the caller's umask
+  Log log(Registry("\"LogLevel\"=dword:00000001"), LogPath());
+  log.WriteLog("first");
+  ::umask(old_umask);
+  EXPECT_EQ(fs::status(LogPath()).permissions(),
+            fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+  // What logrotate does without copytruncate: rename, then the next line starts a new file.
+  fs::rename(LogPath(), LogPath() + ".1");
+  log.WriteLog("second");
+  EXPECT_NE(Read(LogPath() + ".1").find("first"), std::string::npos);
+  EXPECT_NE(Read(LogPath()).find("second"), std::string::npos);
+  EXPECT_EQ(Read(LogPath()).find("first"), std::string::npos);
+}
+
 TEST_F(LogTest, FileAtTheLimitRotatesBeforeTheNextLine) {
   Log log(Registry("\"LogLevel\"=dword:00000001\r\n\"LogMaxSize\"=dword:00000001"), LogPath());
   // Fill the file to exactly 1 MiB: the next line must go to a fresh file.

@@ -160,7 +160,7 @@ TEST_F(RegistryStoreTest, WarnsOncePerFileVersionNamingFileAndLine) {
   EXPECT_EQ(malformed, 0u);
 }
 
-TEST_F(RegistryStoreTest, WriteKeepsVersion5Utf16AndDropsComments) {
+TEST_F(RegistryStoreTest, WriteKeepsVersion5Utf16AndItsComments) {
   const std::string fixture = ReadBytes(std::string(KALVO_TEST_DATA) + "/regedit5_utf16.reg");
   WriteBytes(path_, fixture);
   ::chmod(path_.c_str(), 0600);
@@ -170,12 +170,49 @@ TEST_F(RegistryStoreTest, WriteKeepsVersion5Utf16AndDropsComments) {
   ASSERT_TRUE(bytes.starts_with("\xFF\xFE"));
   const std::string text = Utf16LeToCp1252(bytes.substr(2));
   EXPECT_TRUE(text.starts_with("Windows Registry Editor Version 5.00\r\n"));
-  EXPECT_EQ(text.find("; Exported"), std::string::npos);
+  EXPECT_NE(text.find("\r\n; Exported from a test installation\r\n[HKEY_LOCAL_MACHINE"),
+            std::string::npos);
   EXPECT_NE(text.find("\"DSN\"=\"other\"\r\n"), std::string::npos);
   EXPECT_NE(text.find("\"Servers\"=hex(7):61,00,6c,00"), std::string::npos);
   struct stat st {};
   ::stat(path_.c_str(), &st);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST_F(RegistryStoreTest, RewriteChangesOnlyTheChangedValue) {
+  // An administrator's file: notes above keys and values, one at the end, and an order
+  // that is not alphabetical.
+  const std::string original =
+      "REGEDIT4\n\n"
+      "; kalvosrv settings\n"
+      "; (database credentials below)\n\n"
+      "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX]\n"
+      "; the port the clients use\n"
+      "\"ServerLocalPort\"=\"15243\"\n"
+      "\"AuditIsActive\"=dword:00000000\n"
+      "\n"
+      "; keep three of each\n"
+      "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX\\Backup]\n"
+      "\"Client\"=dword:00000003\n"
+      "\n"
+      "  ; indented note\n"
+      "\"Admin\"=dword:00000003\n"
+      "\n"
+      "; end of file\n";
+  WriteBytes(path_, original);
+  RegistryStore store(path_);
+  RegistryWrite(store, kRoot, kKey, "KDX", "AuditIsActive", -1);
+  std::string expected = original;
+  expected.replace(expected.find("dword:00000000"), 14, "dword:ffffffff");
+  EXPECT_EQ(ReadBytes(path_), expected);
+
+  // A value added goes to the end of its key; everything else stays.
+  RegistryWrite(store, kRoot, kKey, "KDX\\Backup", "Automatic", 5);
+  const std::string text = ReadBytes(path_);
+  EXPECT_NE(text.find("\"Admin\"=dword:00000003\n\"Automatic\"=dword:00000005\n\n; end of file\n"),
+            std::string::npos)
+      << text;
+  EXPECT_TRUE(text.starts_with(expected.substr(0, expected.find("\"Admin\""))));
 }
 
 TEST_F(RegistryStoreTest, WriteThroughASymlinkReplacesItsTarget) {
@@ -353,6 +390,35 @@ TEST_F(RegistryStoreTest, WriterKilledMidWriteLeavesAWholeFile) {
   // The lock died with its holder: a later writer is not blocked.
   RegistryStore store(path_);
   EXPECT_TRUE(store.SetValue(kKdx, "After", kRegSz, "ok"));
+}
+
+TEST_F(RegistryStoreTest, ServiceRewritingRootsFileKeepsOwnerGroupAndMode) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to give the file to another owner";
+  Seed();
+  // As installed: root's file, the service's group may write it, the directory is the
+  // group's too.
+  ASSERT_EQ(::chown(path_.c_str(), 0, 65534), 0);
+  ASSERT_EQ(::chmod(path_.c_str(), 0660), 0);
+  ASSERT_EQ(::chown(dir_.c_str(), 0, 65534), 0);
+  ASSERT_EQ(::chmod(dir_.c_str(), 02775), 0);
+  const pid_t child = Spawn([&] {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(2);
+    RegistryStore store(path_);
+    ::_exit(store.SetValue(kKdx, "Seed", kRegSz, "by the service") ? 0 : 1);
+  });
+  ASSERT_GT(child, 0);
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  struct stat st {};
+  ASSERT_EQ(::stat(path_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, 0u);
+  EXPECT_EQ(st.st_gid, 65534u);
+  EXPECT_EQ(st.st_mode & 07777, 0660u);
+  EXPECT_FALSE(std::filesystem::exists(path_ + ".tmp"));
+  RegistryStore reader(path_);
+  EXPECT_EQ(reader.GetValue(kKdx, "Seed")->data, "by the service");
 }
 
 }  // namespace

@@ -63,23 +63,19 @@ for option in $("$build/kalvosrv" --help | sed -n 's/^ *\(-h,\)\{0,1\}\(--[a-z-]
     fail "completion does not offer kalvosrv $option"
 done
 
-# ODBC templates: the driver of every data source is registered on this machine (Debian's
-# driver packages) and has a CPTimeout in the pooling template, or unixODBC would not pool.
-drivers=$(odbcinst -q -d | tr -d '[]')
-pooling=$src/packaging/odbc/odbcinst-pooling.ini
-grep -Eq '^Pooling *= *Yes' "$pooling" || fail "the pooling template does not switch pooling on"
-for t in "$src"/packaging/odbc/odbc.ini.*; do
+# ODBC: the package's own odbcinst.ini (as the build configured it) switches pooling on and
+# names, for the driver of every data source template and of the default odbc.ini, a library
+# that Debian's driver packages install here, with a CPTimeout, or unixODBC would not pool.
+pooling=$build/deb/odbcinst.ini
+grep -Eq '^Pooling *= *Yes' "$pooling" || fail "the package's odbcinst.ini does not switch pooling on"
+for t in "$src"/packaging/odbc/odbc.ini "$src"/packaging/odbc/odbc.ini.*; do
   driver=$(sed -n 's/^Driver *= *//p' "$t")
-  grep -qxF "$driver" <<<"$drivers" ||
-    fail "$(basename "$t") names driver '$driver', which odbcinst -q -d does not list"
+  library=$(awk -v s="[$driver]" '$0 == s { inside = 1; next } /^\[/ { inside = 0 }
+    inside && /^Driver *=/ { sub(/^Driver *= */, ""); print }' "$pooling")
+  [ -f "$library" ] || fail "$(basename "$t"): driver '$driver' has no installed library ('$library')"
   awk -v s="[$driver]" '$0 == s { inside = 1; next } /^\[/ { inside = 0 }
     inside && /^CPTimeout *= *[1-9]/ { found = 1 } END { exit !found }' "$pooling" ||
-    fail "the pooling template has no CPTimeout for '$driver'"
-done
-# And no pooling section for a driver nobody uses.
-for section in $(sed -n 's/^\[\(.*\)\]$/\1/p' "$pooling" | grep -v '^ODBC$' | tr ' ' '_'); do
-  section=${section//_/ }
-  grep -qxF "$section" <<<"$drivers" || fail "the pooling template configures unknown '$section'"
+    fail "odbcinst.ini has no CPTimeout for '$driver'"
 done
 
 if [ $failures -gt 0 ]; then

@@ -53,12 +53,18 @@ expect l /usr/bin/kalvoctl /opt/zentara/kdx/kalvoctl
 expect f /lib/systemd/system/kalvosrv.service
 expect f /usr/share/man/man8/kalvosrv.8.gz
 expect f /usr/share/man/man1/kalvoctl.1.gz
+expect f /usr/share/man/man5/kalvosrv.reg.5.gz
 expect f /usr/share/bash-completion/completions/kalvosrv
 expect f /usr/share/bash-completion/completions/kalvoctl
 expect f /usr/share/kalvosrv/registry.reg.example
-for t in odbc.ini.sqlite odbc.ini.postgresql odbc.ini.mariadb odbcinst-pooling.ini; do
+for t in odbc.ini.sqlite odbc.ini.postgresql odbc.ini.mariadb; do
   expect f /usr/share/kalvosrv/odbc/$t
 done
+expect f /etc/opt/zentara/odbc/odbc.ini
+expect f /etc/opt/zentara/odbc/odbcinst.ini
+expect f /etc/logrotate.d/kalvosrv
+expect f /usr/lib/tmpfiles.d/kalvosrv.conf
+expect f /usr/lib/sysusers.d/kalvosrv.conf
 expect f /usr/share/doc/kalvosrv/copyright
 expect f /usr/share/doc/kalvosrv/changelog.gz
 tray=no
@@ -71,7 +77,7 @@ fi
 # Nothing outside the places above: no build paths, no headers, no static libraries, and
 # nothing of a source installation's log location.
 unexpected=$(cd "$root" && find . ! -type d | sed 's|^\.||' | grep -Ev \
-  '^/opt/zentara/kdx/|^/etc/opt/zentara/|^/etc/xdg/autostart/kalvotray\.desktop$|^/usr/s?bin/kalvo|^/lib/systemd/system/kalvosrv\.service$|^/usr/share/(man|bash-completion|kalvosrv|doc/kalvosrv|lintian/overrides)/')
+  '^/opt/zentara/kdx/|^/etc/opt/zentara/|^/etc/xdg/autostart/kalvotray\.desktop$|^/etc/logrotate\.d/kalvosrv$|^/usr/lib/(tmpfiles|sysusers)\.d/kalvosrv\.conf$|^/usr/s?bin/kalvo|^/lib/systemd/system/kalvosrv\.service$|^/usr/share/(man|bash-completion|kalvosrv|doc/kalvosrv|lintian/overrides)/')
 [ -z "$unexpected" ] || fail "unexpected files: $unexpected"
 [ -z "$(find "$root" -name '*.a' -o -name '*.h' -o -name '*.log')" ] ||
   fail "build leftovers in the package"
@@ -85,7 +91,8 @@ file -b "$root/opt/zentara/kdx/kalvosrv" 2>/dev/null | grep -q 'not stripped' &&
 # Configuration files: the settings, the language files, the autostart entry.
 conffiles=$(cat "$work/control/conffiles")
 for c in /etc/opt/zentara/registry.reg /etc/opt/zentara/kdx/kalvo.407 \
-  /etc/opt/zentara/kdx/kalvo.409; do
+  /etc/opt/zentara/kdx/kalvo.409 /etc/opt/zentara/odbc/odbc.ini \
+  /etc/opt/zentara/odbc/odbcinst.ini /etc/logrotate.d/kalvosrv; do
   grep -qx "$c" <<<"$conffiles" || fail "$c is not a configuration file"
 done
 [ $tray = no ] || grep -qx /etc/xdg/autostart/kalvotray.desktop <<<"$conffiles" ||
@@ -100,19 +107,25 @@ echo "$control" | grep -E '^(Depends|Recommends|Suggests):'
 depends=$(sed -n 's/^Depends: //p' <<<"$control")
 recommends=$(sed -n 's/^Recommends: //p' <<<"$control")
 depends_names=$(sed 's/ *([^)]*)//g; s/, */\n/g' <<<"$depends")
-for d in adduser libc6 libodbc2 libsystemd0 libstdc++6; do
+for d in adduser libc6 libodbc2 libsystemd0 libstdc++6 libsqliteodbc; do
   grep -qxF "$d" <<<"$depends_names" || fail "Depends lacks $d"
 done
 grep -qi qt <<<"$depends" && fail "Qt must not be a hard dependency of the server"
 [ $tray = no ] || grep -q libqt6widgets6 <<<"$recommends" || fail "Recommends lacks Qt"
-grep -q libsqliteodbc <<<"$recommends" || fail "Recommends lacks the default SQLite driver"
+# The package's odbcinst.ini names the drivers where Debian's driver packages put them.
+sqlite_driver=$(sed -n '/^\[SQLite3\]/,/^\[/s/^Driver *= *//p' "$root/etc/opt/zentara/odbc/odbcinst.ini")
+[ -f "$sqlite_driver" ] || fail "odbcinst.ini names the SQLite driver $sqlite_driver, which is not installed"
+grep -qx 'Pooling = Yes' "$root/etc/opt/zentara/odbc/odbcinst.ini" || fail "odbcinst.ini does not pool"
+# The settings as installed log only the important lines.
+grep -qx '"LogLevel"=dword:00000000' "$root/etc/opt/zentara/registry.reg" ||
+  fail "the installed registry does not set LogLevel 0"
 for p in $(sed 's/([^)]*)//g; s/|/,/g; s/,/ /g' <<<"$depends, $recommends"); do
   dpkg-query -W "$p" >/dev/null 2>&1 || apt-cache show "$p" >/dev/null 2>&1 ||
     fail "dependency $p is no Debian package"
 done
 
 # Maintainer scripts: valid shell, the user is created, the unit handled the Debian way.
-for s in postinst prerm postrm; do
+for s in preinst postinst prerm postrm; do
   [ -x "$work/control/$s" ] || fail "no executable $s"
   sh -n "$work/control/$s" || fail "$s has a syntax error"
 done
@@ -124,7 +137,7 @@ cmp -s "$root/lib/systemd/system/kalvosrv.service" "$(dirname "$0")/../../packag
   fail "the packaged unit differs from packaging/kalvosrv.service"
 
 # Manual pages render without warnings.
-for m in man8/kalvosrv.8.gz man1/kalvoctl.1.gz; do
+for m in man8/kalvosrv.8.gz man1/kalvoctl.1.gz man5/kalvosrv.reg.5.gz; do
   w=$(zcat "$root/usr/share/man/$m" | LC_ALL=C.UTF-8 groff -man -Tutf8 -ww -z 2>&1)
   [ -z "$w" ] || fail "$m: $w"
 done

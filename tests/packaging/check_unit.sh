@@ -9,7 +9,7 @@ set -uo pipefail
 unit=$(realpath "$1")
 binary=$(realpath "$2")
 sqlite_template=$(realpath "$3")
-goal=2.0
+goal=1.5
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failures=0

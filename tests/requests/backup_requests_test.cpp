@@ -31,6 +31,9 @@ TEST_P(BackupRequestsTest, AClientStoresAndRestoresItsBackupByteForByte) {
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0].packet, Packet(115, "OK", "", "3")) << "Misc2 stays as sent";
   EXPECT_TRUE(Logged("DoSocketAction: ID: 115 Socket: 1 Daten gesendet"));
+  // The backup is key material: its size is logged, none of its bytes.
+  EXPECT_TRUE(Logged("DoSocketAction: Misc1: - Misc2: 3 - Misc3: Mein Token - Data: 1280 bytes"));
+  EXPECT_EQ(LogText().find(backup.substr(300, 64)), std::string::npos);
   EXPECT_EQ(Query("SELECT COUNT(*) FROM tbl_kdx_backup WHERE backup_type = 3"), "2");
 
   sent = Handle(1, Packet(116, "", "1", "3"));

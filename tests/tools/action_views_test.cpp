@@ -110,7 +110,7 @@ TEST(ActionViews, ListsAndWords) {
   EXPECT_EQ(details[1].successes, "1");
   EXPECT_EQ(FormatActionDetailsJson(kG1, {details[1]}),
             "{\"action\":\"" + kG1 + "\",\"tokens\":[{\"token\":\"" + kG2 +
-                "\",\"person\":\"B$e$rt\",\"lastRun\":\"2027-03-01-10-00-00\",\"runs\":2,"
+                "\",\"person\":\"B$e$rt\",\"lastRun\":\"2027-03-01T10:00:00\",\"runs\":2,"
                 "\"successes\":1}]}\n");
   EXPECT_NE(FormatActionTable(rows).find("stopped"), std::string::npos);
   EXPECT_TRUE(IsGUID(NewGuid()));

@@ -13,6 +13,10 @@ const std::string kG2 = "0A1B2C3D-0000-4000-8000-000000000002";
 
 using TokenCommandsTest = KalvoctlTest;
 
+// A settings report (305) with auditing on, and the request that asks for it.
+const std::string kAuditOn = "3$5$2$1$2$0$True$500$False$True$1000$False$90";
+const std::string kAsk305 = "14|305|0||||0|";
+
 TEST_F(TokenCommandsTest, TokensAsksWithoutOwnTokenAndSkipsBroadcasts) {
   // A broadcast that reached the console before the answer must not be taken for it.
   FakeServer server({Wire(102, kG2, "10.0.0.9"),
@@ -29,23 +33,38 @@ TEST_F(TokenCommandsTest, TokensAsksWithoutOwnTokenAndSkipsBroadcasts) {
                 "10.0.0.7" + std::string(11, ' ') + "Ja" + std::string(11, ' ') + "10.0.0.7\n");
 }
 
-TEST_F(TokenCommandsTest, TokensWarnsWhenTheDatabaseIsNotReady) {
-  FakeServer server({Wire(401, "", "3")});
-  const RunResult run = Kalvoctl("tokens --json" + Port(server));
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_EQ(run.out, "[]\n");
-  EXPECT_EQ(run.err, "kalvoctl: warning: the server's database is not ready: state 3 (NoTables)\n");
+TEST_F(TokenCommandsTest, TokensWarnsWhenTheDatabaseIsNotReadyAndFailsWhenItIsDown) {
+  const struct {
+    const char* state;
+    int exit_code;  // an unreachable database gives no list at all: a failure
+    const char* err;
+  } cases[] = {
+      {"3", 0, "kalvoctl: warning: the server's database is not ready: state 3 (NoTables)\n"},
+      {"2", 3, "kalvoctl: warning: the server's database is not ready: state 2 (ConnectFailed)\n"},
+  };
+  for (const auto& c : cases) {
+    FakeServer server({Wire(401, "", c.state)});
+    const RunResult run = Kalvoctl("tokens --json" + Port(server));
+    EXPECT_EQ(run.exit_code, c.exit_code) << c.state << ": " << run.err;
+    EXPECT_EQ(run.out, "[]\n");
+    EXPECT_EQ(run.err, c.err);
+  }
 }
 
 TEST_F(TokenCommandsTest, AuditSendsItsFiltersAndReportsTheTotal) {
-  FakeServer server({Wire(
-      329, kG1 + "|M\xFCller|mm|REMOVE|2024-05-01-09-05-33|10.0.0.7|CN=M\xFCller", "", "", "17")});
+  FakeServer server(std::vector<std::vector<std::string>>{
+      {Wire(305, kAuditOn)},
+      {Wire(329, kG1 + "|M\xFCller|mm|REMOVE|2024-05-01-09-05-33|10.0.0.7|CN=M\xFCller", "", "",
+            "17")}});
   const RunResult run = Kalvoctl(
       "audit --json --action remove,Connect --action ERROR --person 'M\xC3\xBCller*' --ip "
       "'10.0.?.*' --from 2024-05-01 --to '02.05.2024 12:30'" +
       Port(server));
   EXPECT_EQ(run.exit_code, 0) << run.err;
-  const SocketDataStruct request = Decode(server.received());
+  EXPECT_EQ(run.err, "");
+  // The settings are read first: the audit request follows them.
+  ASSERT_TRUE(server.received().starts_with(kAsk305));
+  const SocketDataStruct request = Decode(server.received().substr(kAsk305.size()));
   EXPECT_EQ(request.PackageID, 329);
   EXPECT_EQ(request.Misc1, "67");
   EXPECT_EQ(request.Misc2, "M\xFCller*\r\n*\r\n*\r\n10.0.?.*");
@@ -54,15 +73,19 @@ TEST_F(TokenCommandsTest, AuditSendsItsFiltersAndReportsTheTotal) {
   EXPECT_EQ(run.out,
             "{\"total\":17,\"entries\":[{\"tokenGuid\":\"" + kG1 +
                 "\",\"person\":\"M\xC3\xBCller\",\"userName\":\"mm\",\"action\":\"REMOVE\","
-                "\"timestamp\":\"2024-05-01-09-05-33\",\"ip\":\"10.0.0.7\","
+                "\"timestamp\":\"2024-05-01T09:05:33\",\"ip\":\"10.0.0.7\","
                 "\"userDn\":\"CN=M\xC3\xBCller\"}]}\n");
 }
 
 TEST_F(TokenCommandsTest, AuditWithoutFiltersAsksForEverything) {
-  FakeServer server({Wire(329, "", "", "", "5")});
+  // Auditing is off: said on standard error, since the empty log would otherwise puzzle.
+  FakeServer server(std::vector<std::vector<std::string>>{
+      {Wire(305, "3$5$2$1$2$0$False$500$False$True$1000$False$90")}, {Wire(329, "", "", "", "5")}});
   const RunResult run = Kalvoctl("audit" + Port(server));
   EXPECT_EQ(run.exit_code, 0) << run.err;
-  const SocketDataStruct request = Decode(server.received());
+  EXPECT_NE(run.err.find("note: auditing is off (AuditIsActive is false)"), std::string::npos)
+      << run.err;
+  const SocketDataStruct request = Decode(server.received().substr(kAsk305.size()));
   EXPECT_EQ(request.Misc1, "0");
   EXPECT_EQ(request.Misc2, "*\r\n*\r\n*\r\n*");
   EXPECT_EQ(request.Misc3, "*\r\n*");

@@ -7,6 +7,7 @@
 
 #include "infra/guid.h"
 #include "kalvoctl/print.h"
+#include "kalvoctl/view_support.h"
 
 namespace kalvo::ctl {
 namespace {
@@ -175,13 +176,38 @@ TEST(TokenList, TableIsAlignedByCharactersAndPrintedAsUtf8) {
 }
 
 TEST(TokenList, JsonHasNamedFieldsAndAnAddressArray) {
-  const auto rows = ParseTokenList(kG1 + "$M\xFCller \"M\"$$c$u$ip$dn$Ja$10.0.0.7,10.0.0.8");
+  const auto rows =
+      ParseTokenList(kG1 + "$M\xFCller \"M\"$$2024-05-01-09-05-33$u$ip$dn$Ja$10.0.0.7,10.0.0.8");
   EXPECT_EQ(FormatTokenJson(rows),
             "[{\"guid\":\"" + kG1 +
-                "\",\"person\":\"M\xC3\xBCller \\\"M\\\"\",\"description\":\"\",\"created\":\"c\","
-                "\"lastUsed\":\"u\",\"lastIp\":\"ip\",\"userDn\":\"dn\",\"hasCertificate\":\"Ja\","
+                "\",\"person\":\"M\xC3\xBCller \\\"M\\\"\",\"description\":\"\","
+                "\"created\":\"2024-05-01T09:05:33\","
+                "\"lastUsed\":null,\"lastIp\":\"ip\",\"userDn\":\"dn\",\"hasCertificate\":true,"
                 "\"addresses\":[\"10.0.0.7\",\"10.0.0.8\"]}]\n");
   EXPECT_EQ(FormatTokenJson({}), "[]\n");
+}
+
+TEST(JsonValues, TimesAndYesNoWordsDoNotDependOnTheServersLanguage) {
+  const struct {
+    const char* server;
+    const char* time;   // JsonTimeOrNull
+    const char* yesno;  // JsonYesNoOrNull
+  } cases[] = {
+      {"2026-11-24-02-43-37", "\"2026-11-24T02:43:37\"", "null"},
+      {"", "null", "null"},                      // no time yet
+      {"2026-11-24 02:43:37", "null", "null"},   // another shape is not guessed at
+      {"2026-11-24-02-43-3x", "null", "null"},   // a letter among the digits
+      {"2026-11-24-02-43-370", "null", "null"},  // one character too many
+      {"Ja", "null", "true"},                    // German language file
+      {"Nein", "null", "false"},
+      {"YES", "null", "true"},  // English, any case
+      {"no", "null", "false"},
+      {"Oui", "null", "null"},  // a word no shipped file uses
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(JsonTimeOrNull(c.server), c.time) << c.server;
+    EXPECT_EQ(JsonYesNoOrNull(c.server), c.yesno) << c.server;
+  }
 }
 
 // ---- Groups
@@ -307,7 +333,7 @@ TEST(AuditRows, TableEndsWithHowManyOfTheTotalAreShown) {
   EXPECT_EQ(FormatAuditJson(rows, "40"),
             "{\"total\":40,\"entries\":[{\"tokenGuid\":\"" + kG1 +
                 "\",\"person\":\"M\xC3\xBCller\",\"userName\":\"mm\",\"action\":\"CONNECT\","
-                "\"timestamp\":\"2024-05-01-09-05-33\",\"ip\":\"10.0.0.7\",\"userDn\":\"dn\"}]}\n");
+                "\"timestamp\":\"2024-05-01T09:05:33\",\"ip\":\"10.0.0.7\",\"userDn\":\"dn\"}]}\n");
   EXPECT_EQ(FormatAuditJson({}, "x"), "{\"total\":null,\"entries\":[]}\n");
 }
 

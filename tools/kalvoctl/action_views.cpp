@@ -226,8 +226,8 @@ std::string FormatActionJson(const std::vector<ActionRow>& rows) {
                                         {"type", JsonNumberOrNull(r.type)},
                                         {"period", JsonNumberOrNull(r.period)},
                                         {"priority", JsonNumberOrNull(r.priority)},
-                                        {"first", JsonString(r.first_time)},
-                                        {"last", JsonString(r.last_time)},
+                                        {"first", JsonTimeOrNull(r.first_time)},
+                                        {"last", JsonTimeOrNull(r.last_time)},
                                         {"stopped", r.stopped == "0" ? "false" : "true"},
                                         {"state", JsonNumberOrNull(r.state)},
                                         {"stateName", JsonString(ActionStateName(r.state))},
@@ -254,7 +254,7 @@ std::string FormatActionDetailsJson(std::string_view guid,
                                             return JsonObject(
                                                 {{"token", JsonString(r.token)},
                                                  {"person", JsonString(r.person)},
-                                                 {"lastRun", JsonString(r.last_time)},
+                                                 {"lastRun", JsonTimeOrNull(r.last_time)},
                                                  {"runs", JsonNumberOrNull(r.runs)},
                                                  {"successes", JsonNumberOrNull(r.successes)}});
                                           })}}) +

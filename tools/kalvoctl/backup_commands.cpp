@@ -11,6 +11,7 @@
 #include "kalvoctl/backup_views.h"
 #include "kalvoctl/command_support.h"
 #include "kalvoctl/commands.h"
+#include "kalvoctl/view_support.h"
 
 namespace kalvo::ctl {
 namespace {
@@ -106,7 +107,7 @@ int RunBackupGet(const GetOptions& o) {
   }
   if (o.ask.json) {
     std::cout << "{\"token\":" << JsonString(request.Data) << ",\"type\":" << request.Misc2
-              << ",\"index\":" << o.index << ",\"time\":" << JsonString(time)
+              << ",\"index\":" << o.index << ",\"time\":" << JsonTimeOrNull(time)
               << ",\"bytes\":" << answer->Data.size();
     // Without a file the backup is part of the document, as text.
     if (o.out.empty()) std::cout << ",\"data\":" << JsonString(answer->Data);

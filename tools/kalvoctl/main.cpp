@@ -6,6 +6,7 @@
 #include "kalvoctl/action_commands.h"
 #include "kalvoctl/backup_commands.h"
 #include "kalvoctl/commands.h"
+#include "kalvoctl/group_commands.h"
 #include "kalvoctl/settings_commands.h"
 #include "kalvoctl/sql_commands.h"
 #include "kalvoctl/token_commands.h"
@@ -22,7 +23,9 @@ int main(int argc, char** argv) {
       "Exit status: 0 success (also when no reply came to send), 1 the connection failed, the "
       "server closed it while listening or before answering, or no answer came within "
       "--timeout, 2 bad arguments or an unreadable --data-file, 3 the server answered that the "
-      "request failed (delete-token, backup-put, action-add, -stop, -start, -delete), has no "
+      "request failed (delete-token, backup-put, action-add, -stop, -start, -delete, group-add, "
+      "group-delete, group-members, token-set) or that its database cannot be reached "
+      "(tokens, and the group and token changes, which then send nothing), has no "
       "such backup (backup-get), reports an SQL error (sql) or reported settings that cannot be "
       "written back unchanged (settings --set, which then sends nothing). A console request "
       "that stays unanswered may come from an address outside the server's "
@@ -36,6 +39,10 @@ int main(int argc, char** argv) {
   kalvo::ctl::AddRightsCommand(app, exit_code);
   kalvo::ctl::AddAuditCommand(app, exit_code);
   kalvo::ctl::AddDeleteTokenCommand(app, exit_code);
+  kalvo::ctl::AddGroupAddCommand(app, exit_code);
+  kalvo::ctl::AddGroupDeleteCommand(app, exit_code);
+  kalvo::ctl::AddGroupMembersCommand(app, exit_code);
+  kalvo::ctl::AddTokenSetCommand(app, exit_code);
   kalvo::ctl::AddBackupsCommand(app, exit_code);
   kalvo::ctl::AddBackupGetCommand(app, exit_code);
   kalvo::ctl::AddBackupPutCommand(app, exit_code);

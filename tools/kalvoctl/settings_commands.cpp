@@ -57,6 +57,13 @@ int RunSettings(const SettingsOptions& o) {
     // What the server holds now, as it reports it.
     answer = session.Ask({MakeRequest(kReportSettingsRequest)}, kReportSettingsRequest);
     if (!answer) return kExitConnection;
+    for (const std::string& text : o.changes) {
+      std::string ignored;
+      if (const auto change = ParseSettingChange(text, ignored)) {
+        const std::string note = SettingChangeNote(change->index);
+        if (!note.empty()) std::cerr << "kalvoctl: note: " << note << "\n";
+      }
+    }
   }
   std::cout << (o.ask.json ? FormatSettingsJson(answer->Data) : FormatSettingsTable(answer->Data));
   return kExitOk;

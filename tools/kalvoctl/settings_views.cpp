@@ -152,4 +152,15 @@ std::string FormatSettingsJson(std::string_view data) {
   return JsonObject(fields) + "\n";
 }
 
+std::string SettingChangeNote(size_t index) {
+  const std::string_view name = kSettings.at(index).name;
+  if (!name.starts_with("Log")) return "";
+  const std::string short_name(name.substr(3));
+  std::string note = std::string(name) + " takes effect at once";
+  if (name == "LogServer") note += " and sets the log level (LogLevel), which is kept";
+  return note + "; the server stores it as KDX\\Log " + short_name + ", but reads KDX\\Log " +
+         std::string(name) + " at start-up, so after a restart it is " + std::string(name) +
+         " of the registry file again: set that value there to keep it";
+}
+
 }  // namespace kalvo::ctl

@@ -53,6 +53,13 @@ std::optional<SettingChange> ParseSettingChange(std::string_view text, std::stri
 // travel (SettingWireValue), ready to be sent again in a 306.
 std::optional<std::vector<std::string>> ParseSettings(std::string_view data, std::string& error);
 
+// What an administrator should know after changing setting `index` with 306: every value
+// takes effect at once, but the server stores LogAdmin, LogServer and LogClient under
+// "KDX\Log" as Admin, Server and Client, while it reads them at start-up as LogAdmin,
+// LogServer and LogClient, so a change of those lasts only until the next start (LogServer
+// also sets the log level, which lasts). "" for the settings whose change simply lasts.
+std::string SettingChangeNote(size_t index);
+
 // The 306 Data of `values`.
 std::string JoinSettings(const std::vector<std::string>& values);
 

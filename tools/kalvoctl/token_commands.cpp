@@ -8,6 +8,7 @@
 #include "kalvoctl/client.h"
 #include "kalvoctl/command_support.h"
 #include "kalvoctl/commands.h"
+#include "kalvoctl/settings_views.h"
 #include "kalvoctl/token_views.h"
 
 namespace kalvo::ctl {
@@ -46,7 +47,8 @@ int RunTokens(const AskOptions& o) {
   if (!warning.empty()) std::cerr << "kalvoctl: warning: " << warning << "\n";
   const auto rows = ParseTokenList(answer->Data);
   std::cout << (o.json ? FormatTokenJson(rows) : FormatTokenTable(rows));
-  return kExitOk;
+  // A database that cannot be reached gives an empty list, which is no answer.
+  return answer->Misc1 == kConnectFailedState ? kExitServerFailed : kExitOk;
 }
 
 int RunGroups(const AskOptions& o) {
@@ -93,7 +95,20 @@ int RunAudit(const AuditOptions& o) {
   filter.ip = Utf8ToCp1252(o.ip);
   filter.from = AuditTimeBound(o.from).value_or("*");
   filter.to = AuditTimeBound(o.to).value_or("*");
-  const auto answer = Ask(o.ask, MakeAuditRequest(filter));
+  AskSession session(o.ask);
+  // The settings first, on the same connection: an empty log may only mean auditing is off.
+  SocketDataStruct settings_request;
+  settings_request.PackageID = kReportSettingsRequest;
+  const auto settings = session.Ask({settings_request}, kReportSettingsRequest);
+  if (!settings) return kExitConnection;
+  std::string error;
+  const auto values = ParseSettings(settings->Data, error);
+  if (values && (*values)[*SettingIndex("AuditIsActive")] == "False") {
+    std::cerr << "kalvoctl: note: auditing is off (AuditIsActive is false): the server records "
+                 "no new entries; \"kalvoctl settings --set AuditIsActive=true\" switches it "
+                 "on\n";
+  }
+  const auto answer = session.Ask({MakeAuditRequest(filter)}, kAuditRequest);
   if (!answer) return kExitConnection;
   const auto rows = ParseAuditRows(answer->Data);
   std::cout << (o.ask.json ? FormatAuditJson(rows, answer->Misc3)
@@ -130,7 +145,8 @@ void AddTokensCommand(CLI::App& app, int& exit_code) {
       "List the tokens: GUID, person, description, creation, last use, last IP, user DN, "
       "certificate (the server's yes or no) and the addresses of the token's open "
       "connections. Sends request 401, which registers this connection as a console until it "
-      "closes. Warns on standard error when the server's database is not ready.");
+      "closes. Warns on standard error when the server's database is not ready; exit status 3 "
+      "when it cannot be reached.");
   AddAskOptions(*sub, *options);
   sub->callback([options, &exit_code] { exit_code = RunTokens(*options); });
 }
@@ -161,7 +177,8 @@ void AddAuditCommand(CLI::App& app, int& exit_code) {
   CLI::App* sub = app.add_subcommand(
       "audit",
       "Show the audit log (request 329), newest first: only entries whose token still exists, "
-      "at most the server's AuditDisplayMaxCount, then how many entries the log holds. "
+      "at most the server's AuditDisplayMaxCount, then how many entries the log holds; says on "
+      "standard error when auditing is off (AuditIsActive, read first with request 305). "
       "Patterns use * and ? as wildcards.");
   AddAskOptions(*sub, options->ask);
   sub->add_option("--action", options->actions,

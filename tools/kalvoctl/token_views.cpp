@@ -213,11 +213,11 @@ std::string FormatTokenJson(const std::vector<TokenRow>& rows) {
                      return JsonObject({{"guid", JsonString(r.guid)},
                                         {"person", JsonString(r.person)},
                                         {"description", JsonString(r.description)},
-                                        {"created", JsonString(r.created)},
-                                        {"lastUsed", JsonString(r.last_used)},
+                                        {"created", JsonTimeOrNull(r.created)},
+                                        {"lastUsed", JsonTimeOrNull(r.last_used)},
                                         {"lastIp", JsonString(r.last_ip)},
                                         {"userDn", JsonString(r.user_dn)},
-                                        {"hasCertificate", JsonString(r.has_certificate)},
+                                        {"hasCertificate", JsonYesNoOrNull(r.has_certificate)},
                                         {"addresses", JsonArray(r.addresses, JsonString)}});
                    }) +
          "\n";
@@ -286,7 +286,7 @@ std::string FormatAuditJson(const std::vector<AuditRow>& rows, std::string_view 
                        {"person", JsonString(r.person)},
                        {"userName", JsonString(r.user_name)},
                        {"action", JsonString(r.action)},
-                       {"timestamp", JsonString(r.timestamp)},
+                       {"timestamp", JsonTimeOrNull(r.timestamp)},
                        {"ip", JsonString(r.ip)},
                        {"userDn", JsonString(r.user_dn)}});
   };

@@ -69,6 +69,9 @@ struct TokenRow {
 // joined by ",". The free-text field is the person. "" gives no rows.
 std::vector<TokenRow> ParseTokenList(std::string_view data);
 
+// The database state text of a 401 answer when the server cannot reach its database.
+inline constexpr std::string_view kConnectFailedState = "2";
+
 // "" when the database state text of a 401 answer (its Misc1) says the database is up to
 // date ("1"); otherwise a warning naming the state, e.g. "the server's database is not ready:
 // state 3 (NoTables)".

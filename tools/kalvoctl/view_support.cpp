@@ -1,5 +1,7 @@
 #include "kalvoctl/view_support.h"
 
+#include <cctype>
+
 #include "infra/arrays.h"
 #include "infra/guid.h"
 #include "infra/numbers.h"
@@ -60,6 +62,29 @@ std::string JsonObject(const std::vector<std::pair<std::string_view, std::string
 std::string JsonNumberOrNull(std::string_view text) {
   const auto number = WholeNumberText(text);
   return number ? std::to_string(*number) : "null";
+}
+
+std::string JsonTimeOrNull(std::string_view stamp) {
+  // Digits at every place but the five separators.
+  constexpr std::string_view kShape = "dddd-dd-dd-dd-dd-dd";
+  if (stamp.size() != kShape.size()) return "null";
+  for (size_t i = 0; i < kShape.size(); ++i) {
+    const bool digit = stamp[i] >= '0' && stamp[i] <= '9';
+    if (kShape[i] == 'd' ? !digit : stamp[i] != '-') return "null";
+  }
+  std::string iso(stamp);
+  iso[10] = 'T';
+  iso[13] = ':';
+  iso[16] = ':';
+  return "\"" + iso + "\"";
+}
+
+std::string JsonYesNoOrNull(std::string_view word) {
+  std::string folded;
+  for (char c : word) folded += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (folded == "ja" || folded == "yes") return "true";
+  if (folded == "nein" || folded == "no") return "false";
+  return "null";
 }
 
 std::string NumberForPeople(std::string_view text) {

@@ -45,6 +45,15 @@ std::string JsonArray(const std::vector<T>& items, ToJson to_json) {
 // A number of the server as a JSON number, or null when its text is none.
 std::string JsonNumberOrNull(std::string_view text);
 
+// A time stamp of the server ("yyyy-mm-dd-hh-mm-ss", as every table stores it) as a JSON
+// string in ISO 8601 ("yyyy-mm-ddThh:mm:ss"); null for "" and for a text of another shape.
+std::string JsonTimeOrNull(std::string_view stamp);
+
+// The server's word for yes or no (from its language file: "Ja"/"Nein", "Yes"/"No", any case)
+// as JSON true or false, so that scripts need not know the server's language; null for any
+// other word.
+std::string JsonYesNoOrNull(std::string_view word);
+
 // A number of the server for people: the number, or "?" when its text is none.
 std::string NumberForPeople(std::string_view text);
 
