@@ -26,7 +26,7 @@ auto GuardedCall(DbConnection* connection, OdbcEnvironment& env, int32_t seconds
                  std::string_view what, Call&& call) {
   if (seconds <= 0) return call();
   StallGuard& guard = env.stall_guard();
-  guard.Arm(std::chrono::seconds(seconds) + kStallGrace);
+  const uint64_t ticket = guard.Arm(std::chrono::seconds(seconds) + kStallGrace);
   auto timed_out = [&] {
     if (connection != nullptr) connection->MarkBroken();
     return OdbcError(0, "HYT00",
@@ -35,16 +35,16 @@ auto GuardedCall(DbConnection* connection, OdbcEnvironment& env, int32_t seconds
   };
   try {
     auto result = call();
-    if (guard.Disarm()) {
+    if (guard.Disarm(ticket)) {
       // Done just as the connections were cut: the result stands, the connection does not.
       if (connection != nullptr) connection->MarkBroken();
     }
     return result;
   } catch (const OdbcError&) {
-    if (guard.Disarm()) throw timed_out();
+    if (guard.Disarm(ticket)) throw timed_out();
     throw;
   } catch (...) {
-    guard.Disarm();
+    guard.Disarm(ticket);
     throw;
   }
 }

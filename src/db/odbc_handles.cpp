@@ -1,6 +1,8 @@
 #include "db/odbc_handles.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,6 +58,7 @@ OdbcEnvironment::OdbcEnvironment(bool pooling) {
 }
 
 DbcHandle OdbcEnvironment::AcquireConnectionHandle() {
+  std::lock_guard lock(mutex_);
   if (!spare_.empty()) {
     DbcHandle dbc = std::move(spare_.back());
     spare_.pop_back();
@@ -67,6 +70,7 @@ DbcHandle OdbcEnvironment::AcquireConnectionHandle() {
 void OdbcEnvironment::ReleaseConnectionHandle(DbcHandle dbc) noexcept {
   if (!dbc) return;
   SQLDisconnect(dbc.get());
+  std::lock_guard lock(mutex_);
   if (spare_.size() < kMaxSpareHandles) {
     try {
       spare_.push_back(std::move(dbc));
@@ -77,6 +81,7 @@ void OdbcEnvironment::ReleaseConnectionHandle(DbcHandle dbc) noexcept {
 }
 
 void OdbcEnvironment::DiscardConnectionHandle(DbcHandle dbc) noexcept {
+  std::lock_guard lock(mutex_);
   if (!dbc || discarded_.size() >= kMaxDiscarded) return;  // `dbc` is freed as it goes
   try {
     discarded_.push_back(std::move(dbc));
@@ -87,11 +92,21 @@ void OdbcEnvironment::DiscardConnectionHandle(DbcHandle dbc) noexcept {
 
 void OdbcEnvironment::KeepOpen(std::string key, DbcHandle dbc) noexcept {
   if (!dbc) return;
+  // Connections that leave the list are closed after the lock is given back: a disconnect
+  // may wait for the database.
+  std::vector<OpenConnection> leaving;
+  std::lock_guard lock(mutex_);
   try {
     // A connection of another key than the newest is not taken again soon: the settings
     // changed, or it served a one-off test of another data source.
-    std::erase_if(open_, [&](const OpenConnection& c) { return c.key != key; });
-    if (open_.size() >= kMaxOpen) open_.erase(open_.begin());
+    for (auto it = open_.begin(); it != open_.end();) {
+      if (it->key != key || (open_.size() >= kMaxOpen && it == open_.begin())) {
+        leaving.push_back(std::move(*it));
+        it = open_.erase(it);
+      } else {
+        ++it;
+      }
+    }
     open_.push_back(OpenConnection{std::move(key), std::move(dbc)});
   } catch (...) {
     // Out of memory: `dbc` is disconnected and freed as it goes.
@@ -99,6 +114,7 @@ void OdbcEnvironment::KeepOpen(std::string key, DbcHandle dbc) noexcept {
 }
 
 DbcHandle OdbcEnvironment::TakeOpen(std::string_view key) {
+  std::lock_guard lock(mutex_);
   for (auto it = open_.rbegin(); it != open_.rend(); ++it) {
     if (it->key != key) continue;
     DbcHandle dbc = std::move(it->dbc);
@@ -109,14 +125,23 @@ DbcHandle OdbcEnvironment::TakeOpen(std::string_view key) {
 }
 
 void OdbcEnvironment::DiscardOpen(std::string_view key) noexcept {
-  for (auto it = open_.begin(); it != open_.end();) {
-    if (it->key == key) {
-      DiscardConnectionHandle(std::move(it->dbc));
-      it = open_.erase(it);
-    } else {
-      ++it;
+  std::vector<DbcHandle> failed;
+  {
+    std::lock_guard lock(mutex_);
+    for (auto it = open_.begin(); it != open_.end();) {
+      if (it->key == key) {
+        try {
+          failed.push_back(std::move(it->dbc));
+        } catch (...) {
+          // Out of memory: this one is freed as it goes.
+        }
+        it = open_.erase(it);
+      } else {
+        ++it;
+      }
     }
   }
+  for (DbcHandle& dbc : failed) DiscardConnectionHandle(std::move(dbc));
 }
 
 std::string ConnectionKey(std::string_view dsn, std::string_view user, std::string_view password) {
@@ -179,10 +204,24 @@ StallGuard::FdWindow StallGuard::Snapshot() {
 
 void StallGuard::NoteNewSockets(const FdWindow& before) {
   if (before.first < 0) return;
+  std::vector<uint16_t> server_ports;
+  {
+    std::lock_guard lock(mutex_);
+    server_ports = server_ports_;
+  }
   for (int i = 0; i < kWindowSize; ++i) {
     if ((before.open >> i) & 1) continue;
-    std::string peer = PeerOf(before.first + i);
+    const int fd = before.first + i;
+    std::string peer = PeerOf(fd);
     if (peer.empty()) continue;
+    sockaddr_in local{};
+    socklen_t length = sizeof local;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
+        local.sin_family == AF_INET &&
+        std::find(server_ports.begin(), server_ports.end(), ntohs(local.sin_port)) !=
+            server_ports.end()) {
+      continue;  // a peer the server accepted meanwhile
+    }
     DatabasePeers& known = KnownPeers();
     std::lock_guard lock(known.mutex);
     if (std::find(known.peers.begin(), known.peers.end(), peer) == known.peers.end()) {
@@ -191,38 +230,51 @@ void StallGuard::NoteNewSockets(const FdWindow& before) {
   }
 }
 
-void StallGuard::Arm(std::chrono::milliseconds limit) {
-  bool wake = false;
-  {
-    std::lock_guard lock(mutex_);
-    deadline_ = std::chrono::steady_clock::now() + limit;
-    fired_ = false;
-    if (!watcher_.joinable()) watcher_ = std::thread([this] { Watch(); });
-    // Each deadline lies after the ones before it: a watcher waiting for an earlier one
-    // wakes in time to see it, so only one waiting for no deadline at all is woken. That
-    // keeps a statement from costing a thread switch.
-    wake = watcher_idle_;
-  }
-  if (wake) wake_.notify_all();
+void StallGuard::SetServerPorts(std::vector<uint16_t> ports) {
+  std::lock_guard lock(mutex_);
+  server_ports_ = std::move(ports);
 }
 
-bool StallGuard::Disarm() {
+uint64_t StallGuard::Arm(std::chrono::milliseconds limit) {
+  bool wake = false;
+  uint64_t ticket = 0;
+  {
+    std::lock_guard lock(mutex_);
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    // The watcher waits for the earliest deadline; only one earlier than that needs it awake.
+    wake = std::none_of(armed_.begin(), armed_.end(), [&](const auto& a) {
+      return !a.second.fired && a.second.deadline <= deadline;
+    });
+    ticket = ++last_ticket_;
+    armed_.emplace(ticket, Armed{deadline, false});
+    if (!watcher_.joinable()) watcher_ = std::thread([this] { Watch(); });
+  }
+  if (wake) wake_.notify_all();
+  return ticket;
+}
+
+bool StallGuard::Disarm(uint64_t ticket) {
   std::lock_guard lock(mutex_);
-  deadline_.reset();
-  return fired_;
+  const auto it = armed_.find(ticket);
+  if (it == armed_.end()) return false;
+  const bool fired = it->second.fired;
+  armed_.erase(it);
+  return fired;
 }
 
 void StallGuard::Watch() {
   std::unique_lock lock(mutex_);
   while (!stop_) {
-    if (!deadline_) {
-      watcher_idle_ = true;
+    std::optional<std::chrono::steady_clock::time_point> earliest;
+    for (const auto& [ticket, armed] : armed_) {
+      if (!armed.fired && (!earliest || armed.deadline < *earliest)) earliest = armed.deadline;
+    }
+    if (!earliest) {
       wake_.wait(lock);
-      watcher_idle_ = false;
-    } else if (wake_.wait_until(lock, *deadline_) == std::cv_status::timeout && deadline_ &&
-               std::chrono::steady_clock::now() >= *deadline_) {
-      deadline_.reset();
-      fired_ = true;
+    } else if (wake_.wait_until(lock, *earliest) == std::cv_status::timeout &&
+               std::chrono::steady_clock::now() >= *earliest) {
+      // Every armed call loses its connection with the cut, so each learns of it.
+      for (auto& [ticket, armed] : armed_) armed.fired = true;
       CutDatabaseSockets();
     }
   }

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -107,8 +108,10 @@ OdbcHandle<Type> AllocateHandle(SQLSMALLINT parent_type, SQLHANDLE parent) {
 //
 // Database servers are learnt from the sockets a connect opens (NoteNewSockets), once for the
 // whole process (the driver manager's pool is the process's), so sockets of other peers (the
-// server's own clients) are never touched. Arm and Disarm are called from one thread; the
-// watcher thread starts with the first Arm and ends with the object.
+// server's own clients) are never touched: a socket whose local port is one the server listens
+// on (SetServerPorts) was accepted meanwhile by another thread and is no database's. Calls may
+// be armed from several threads at once; the watcher thread starts with the first Arm and
+// ends with the object.
 class StallGuard {
  public:
   // The descriptors around the lowest free one, taken before a connect to learn which
@@ -126,22 +129,28 @@ class StallGuard {
   static FdWindow Snapshot();
   // Remembers the peers of the sockets opened since `before` as database servers.
   void NoteNewSockets(const FdWindow& before);
-  // Starts the clock for one call that may take `limit`.
-  void Arm(std::chrono::milliseconds limit);
-  // Stops the clock; true when the limit passed and the sockets were cut meanwhile.
-  bool Disarm();
+  // The local ports the server listens on: sockets on them are its own peers.
+  void SetServerPorts(std::vector<uint16_t> ports);
+  // Starts the clock for one call that may take `limit`; gives the ticket for Disarm.
+  uint64_t Arm(std::chrono::milliseconds limit);
+  // Stops the clock of `ticket`; true when a limit passed and the sockets were cut meanwhile.
+  bool Disarm(uint64_t ticket);
 
  private:
+  struct Armed {
+    std::chrono::steady_clock::time_point deadline;
+    bool fired = false;
+  };
   void Watch();
   void CutDatabaseSockets();
 
   std::mutex mutex_;
   std::condition_variable wake_;
-  std::optional<std::chrono::steady_clock::time_point> deadline_;
-  bool fired_ = false;
+  std::map<uint64_t, Armed> armed_;  // by ticket
+  uint64_t last_ticket_ = 0;
+  std::vector<uint16_t> server_ports_;
   bool stop_ = false;
-  bool watcher_idle_ = false;  // the watcher waits for a deadline to be set
-  std::thread watcher_;        // last: started after, joined before the rest goes
+  std::thread watcher_;  // last: started after, joined before the rest goes
 };
 
 // The one ODBC environment of the process (ODBC 3 behaviour). The Server owns it and hands
@@ -157,8 +166,8 @@ class StallGuard {
 // handle it frees. A connection that failed is taken out of use for good (Discard). Because
 // healthy connections are kept here rather than handed back to the driver manager's pool, a
 // connect with a new physical connection (after one proved dead) really is new: the driver
-// manager hands out pooled connections without trying them. Not thread-safe: all connections
-// are made on one thread.
+// manager hands out pooled connections without trying them. Thread-safe: the database workers
+// connect and close at the same time.
 class OdbcEnvironment {
  public:
   explicit OdbcEnvironment(bool pooling = true);
@@ -203,6 +212,7 @@ class OdbcEnvironment {
   static constexpr size_t kMaxOpen = 8;
   static constexpr size_t kMaxDiscarded = 32;
   EnvHandle env_;
+  std::mutex mutex_;  // guards the three lists
   // Declared after env_: destroyed (freed) before the environment is.
   std::vector<DbcHandle> spare_;
   std::vector<OpenConnection> open_;  // oldest first

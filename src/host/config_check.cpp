@@ -330,6 +330,7 @@ int CheckConfig(const ServerOptions& options, std::ostream& out) {
         << "KDX MaxSendQueue = " << s.max_send_queue << "\n"
         << "KDX MaxBufferedBytes = " << s.max_buffered_bytes << "\n"
         << "KDX MaxConnectionsPerAddress = " << s.max_connections_per_address << "\n"
+        << "KDX\\DB DatabaseWorkers = " << s.database_workers << "\n"
         << "KDX AdminAllowedAddresses = " << U(s.admin_allowed_addresses) << "\n"
         << "KDX StatusPort = " << s.status_port << "\n"
         << "KDX CertificateLibrary = " << U(s.certificate_library) << "\n"

@@ -35,10 +35,12 @@ Server::Server(boost::asio::io_context& io, ServerOptions options)
       certificates_(""),
       dispatcher_(RequestContext{state_, connections_, log_, settings_, database_,
                                  [this](std::string_view section, std::string_view key) {
+                                   std::lock_guard lock(language_mutex_);
                                    return language_.GetLanguageString(section, key);
                                  },
                                  certificates_, registry_}),
-      status_(io, log_, [this] { return Snapshot(); }) {
+      status_(io, log_, [this] { return Snapshot(); }),
+      scheduler_(io, dispatcher_) {
   registry_.SetWarningSink([this](const std::string& line) { log_.WriteLog(line); });
   log_.WriteLog("Form_Initialize...");
 }
@@ -114,6 +116,13 @@ void Server::FormLoad() {
                                     " (" + error + ")");
     }
     log_.WriteLog("Now listening on port " + std::to_string(connections_.LocalPort()));
+    scheduler_.on_settings_changed = [this](const Settings& changed) {
+      settings_ = changed;
+      database_.set_settings(DatabaseSettingsFrom(settings_));
+    };
+    scheduler_.Start(DatabaseWorkers());
+    dispatcher_.set_scheduler(&scheduler_);
+    log_.WriteLog("Database workers: " + std::to_string(scheduler_.workers()));
 
     bytes_sent_ = 0;
     bytes_received_ = 0;
@@ -122,6 +131,8 @@ void Server::FormLoad() {
     if (settings_.status_port > 0 && settings_.status_port <= 65535) {
       status_.Start(static_cast<uint16_t>(settings_.status_port));
     }
+    // Sockets on these ports are the server's own peers, never a database server's.
+    odbc_.stall_guard().SetServerPorts({connections_.LocalPort(), status_.port()});
     // What an administrator's preflight would report goes to the journal as well (the port
     // is this process's own by now).
     for (const Finding& f : Preflight(options_, PreflightScope{true, false})) {
@@ -279,11 +290,10 @@ void Server::OnDataArrival(int index, std::string_view chunk) {
       LogCurrentException(log_, "Socket_DataArrival");
     }
     if (!receive_buffers_.SocketGetData(index, chunk, state_.admin_login_flag)) return;
-    while (receive_buffers_.SocketPrepareDataForExecution(index, state_.current)) {
-      dispatcher_.DoSocketAction(index);
-      // Nothing reads the record once it is handled; a backup left in it would otherwise
-      // stay in memory, and be held beside the next long packet while that is decoded.
-      SocketClearStruct(state_.current);
+    SocketDataStruct record;
+    while (receive_buffers_.SocketPrepareDataForExecution(index, record)) {
+      dispatcher_.Submit(index, std::move(record));
+      record = SocketDataStruct();
       // A handler may have closed this connection.
       if (!connections_.IsLoaded(index)) break;
     }
@@ -310,13 +320,12 @@ void Server::OnClose(int index) { SocketClose(index); }
 
 void Server::OnError(int index, int number, const std::string& description) {
   try {
-    AuditConnection(index, AuditAction::kError);
     log_.WriteLog("Socket_Error: " + std::to_string(index) + " ErrorNr: " + std::to_string(number) +
                   " ErrorDesc: " + description);
   } catch (...) {
     LogCurrentException(log_, "Socket_Error");
   }
-  SocketClose(index);
+  SocketClose(index, true);
 }
 
 void Server::OnConnectionRefused(const std::string& remote_address, size_t refused,
@@ -331,29 +340,38 @@ void Server::OnConnectionRefused(const std::string& remote_address, size_t refus
   }
 }
 
-void Server::AuditConnection(int index, AuditAction action) {
-  DBLogClientAction(database_, AuditSettingsFrom(settings_), connections_.ConnectionTag(index),
-                    action, connections_.RemoteAddress(index), "");
+int Server::DatabaseWorkers() {
+  if (settings_.database_workers > 0) return settings_.database_workers;
+  // SQLite writes one transaction at a time whatever the number of threads; two let a reader
+  // run beside a writer. A database server serves several at once.
+  bool sqlite = false;
+  try {
+    DbConnection probe(database_);
+    const DatabaseSettings& s = database_.settings();
+    probe.Open(s.dsn, s.user, s.password);
+    sqlite = probe.dialect() == Dialect::kSqlite;
+  } catch (...) {
+    // Not reachable now: as for a database server.
+  }
+  return sqlite ? 2 : 4;
 }
 
-void Server::SocketClose(int index) {
+void Server::SocketClose(int index, bool failed) {
   try {
     const std::string tag = connections_.ConnectionTag(index);
     const std::string address = connections_.RemoteAddress(index);
-    if (!tag.empty()) AuditConnection(index, AuditAction::kDisconnect);
+    const uint64_t id = connections_.ConnectionId(index);
     const std::string prefix = "Socket_Close (" + std::to_string(index) + "): " + address;
     log_.WriteLog(prefix + " wird getrennt");
     receive_buffers_.Remove(index);
     state_.admin_connections.Remove(index);
     state_.pending_task_collections.erase(ConnectionKey(index));
-    if (state_.admin_connections.Count() > 0) {
-      // Tell the consoles that the client has gone: the notice carries the closing
-      // connection's tag and its address.
-      SocketClearStruct(state_.current);
-      state_.current.PackageID = 102;
-      state_.current.Data = tag;
-      state_.current.Misc1 = address;
-      dispatcher_.DoSocketAction(0);
+    std::vector<AuditAction> audits;
+    if (failed) audits.push_back(AuditAction::kError);
+    if (!tag.empty()) audits.push_back(AuditAction::kDisconnect);
+    const bool notify = state_.admin_connections.Count() > 0;
+    if (!audits.empty() || notify) {
+      scheduler_.SubmitClose(index, id, tag, address, std::move(audits), notify);
     }
     if (index < 1) {
       log_.WriteLog("Index = " + std::to_string(index) + " -> Nothing to be done");

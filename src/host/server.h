@@ -6,6 +6,7 @@
 #include <boost/asio/io_context.hpp>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "db/database.h"
@@ -22,6 +23,7 @@
 #include "requests/certificates.h"
 #include "requests/dispatcher.h"
 #include "requests/request.h"
+#include "requests/request_scheduler.h"
 #include "requests/server_state.h"
 
 namespace kalvo {
@@ -111,9 +113,11 @@ class Server : public ConnectionEvents {
  private:
   // Adds `amount` to a 32-bit counter; overflow is an error and leaves the counter as it was.
   static void AddToCounter(int32_t& counter, int64_t amount);
-  void SocketClose(int index);
-  // Writes the audit entry of `action` for connection `index`.
-  void AuditConnection(int index, AuditAction action);
+  // Closes connection `index`; what the close leaves to the database (its audit entries, with
+  // `failed` the error entry first, and the notice to the consoles) follows its requests.
+  void SocketClose(int index, bool failed = false);
+  // The database workers the settings ask for, or as suit the engine of the data source.
+  int DatabaseWorkers();
 
   ServerOptions options_;
   RegistryStore registry_;
@@ -127,8 +131,12 @@ class Server : public ConnectionEvents {
   OdbcEnvironment odbc_;
   Database database_;
   CertificateLibrary certificates_;
+  // The language file is read by the workers too (the token list's Yes and No).
+  std::mutex language_mutex_;
   Dispatcher dispatcher_;
   StatusEndpoint status_;
+  // Last: its workers end before anything they use goes.
+  RequestScheduler scheduler_;
 
   bool stop_loading_ = false;
   int form_unload_mode_ = 0;

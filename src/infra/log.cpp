@@ -57,6 +57,9 @@ void Log::ReadSettings(int32_t& level, int64_t& max_mib) {
 }
 
 void Log::WriteLog(std::string_view message, bool force, bool trace) {
+  // One line at a time: the database workers write beside the network thread, and a line must
+  // neither interleave with another nor rotate the file twice.
+  std::lock_guard lock(mutex_);
   try {
     int32_t level;
     int64_t max_mib;

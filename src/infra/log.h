@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -17,6 +18,7 @@ namespace kalvo {
 
 class CDebug;
 
+// Thread-safe: lines written from several threads at once go into the file one after another.
 class Log {
  public:
   // `registry` must outlive the Log. `log_path` is the full path of the log file; the
@@ -44,11 +46,15 @@ class Log {
   // and that it works again; standard error (the journal under systemd) unless set. Nothing is
   // reported per lost line.
   void SetProblemSink(std::function<void(const std::string&)> sink) {
+    std::lock_guard lock(mutex_);
     problem_sink_ = std::move(sink);
   }
 
   // The trace object for lines written with `trace`; may be null. Must outlive its use here.
-  void SetTrace(CDebug* trace) { trace_ = trace; }
+  void SetTrace(CDebug* trace) {
+    std::lock_guard lock(mutex_);
+    trace_ = trace;
+  }
 
   const std::string& path() const { return path_; }
 
@@ -67,6 +73,7 @@ class Log {
   std::string path_;
   std::string backup_path_;
   CDebug* trace_ = nullptr;
+  std::mutex mutex_;  // guards everything below and the file
   bool failing_ = false;
   std::function<void(const std::string&)> problem_sink_;
 };

@@ -111,6 +111,7 @@ void ReadPlatformSettings(RegistryStore& registry, Settings& s) {
   s.certificate_library = read("KDX", "CertificateLibrary", "../libbrennic.so").ToText();
   s.admin_allowed_addresses = read("KDX", "AdminAllowedAddresses", "").ToText();
   number("KDX\\DB", "DatabaseTimeout", kDefaultDatabaseTimeout, 1, s.database_timeout);
+  number("KDX\\DB", "DatabaseWorkers", 0, 0, s.database_workers);
 }
 
 bool CheckRegistrySettings(const Settings& s, Log& log, std::string* failure) {

@@ -77,8 +77,12 @@ struct Settings {
   std::string admin_allowed_addresses;
   // "KDX\DB": seconds a login or one statement may take.
   int32_t database_timeout = kDefaultDatabaseTimeout;
+  // "KDX\DB": threads that run the requests reaching the database; 0 = as suits the engine.
+  int32_t database_workers = 0;
   // One English line per platform value that could not be read, naming the default used.
   std::vector<std::string> problems;
+
+  bool operator==(const Settings&) const = default;
 };
 
 // Deciphers a stored credential (LoginUser, LoginPass).

@@ -24,6 +24,7 @@ struct ConnectionTable::Slot {
   tcp::socket socket;
   std::string tag;
   std::string remote_address;
+  uint64_t id = 0;                    // the accept's request id
   std::array<char, 128> first_bytes;  // the read in progress lands here
   std::string writing;                // the bytes of the write in flight
   // Bytes waiting for the write in flight to finish: small replies share chunks of
@@ -140,8 +141,9 @@ void ConnectionTable::Accept() {
       slot->remote_address = std::move(address);
       ++per_address_[slot->remote_address];
       ++count_;
+      slot->id = ++request_id_;
       try {
-        events_.OnConnectionRequest(index, slot->remote_address, ++request_id_);
+        events_.OnConnectionRequest(index, slot->remote_address, slot->id);
       } catch (...) {
       }
       if (IsLoaded(index)) WaitRead(index);
@@ -356,6 +358,11 @@ void ConnectionTable::CloseAll() {
 }
 
 bool ConnectionTable::IsLoaded(int index) const { return Find(index) != nullptr; }
+
+uint64_t ConnectionTable::ConnectionId(int index) const {
+  const Slot* slot = Find(index);
+  return slot == nullptr ? 0 : slot->id;
+}
 
 std::string ConnectionTable::RemoteAddress(int index) const {
   const Slot* slot = Find(index);

@@ -97,6 +97,8 @@ class ConnectionTable : public PeerTable {
   void SetConnectionTag(int index, std::string tag) override;
   // Indices of the loaded connection slots, ascending.
   std::vector<int> LoadedIndices() const override;
+  // The request id the connection at `index` was accepted with (counting from 1); 0 when none.
+  uint64_t ConnectionId(int index) const override;
   int ConnectionCount() const { return count_; }
   // Connections whose tag is not empty: those with a token.
   int TokenConnectionCount() const;

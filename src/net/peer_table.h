@@ -3,6 +3,7 @@
 // real one; tests of the request handlers use one that records what was sent.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,13 @@ class PeerTable {
   virtual void SetConnectionTag(int index, std::string tag) = 0;
   // The loaded connection indices, ascending.
   virtual std::vector<int> LoadedIndices() const = 0;
+  // What tells the connection at `index` from an earlier or later one at the same index (an
+  // index is reused once its connection closed); 0 when none is loaded there. A table that
+  // never reuses indices may give 0 for all.
+  virtual uint64_t ConnectionId(int index) const {
+    (void)index;
+    return 0;
+  }
 };
 
 }  // namespace kalvo

@@ -5,6 +5,7 @@
 #include "net/socket_send.h"
 #include "requests/broadcast.h"
 #include "requests/dispatcher.h"
+#include "requests/job_peers.h"
 
 namespace kalvo {
 
@@ -35,7 +36,13 @@ void Request::ReplySilently() {
   SocketSendData(ctx.peers, index_, record(), false, ctx.log);
 }
 
-void Request::Broadcast() { SendToAllAdmins(ctx, record()); }
+void Request::Broadcast() {
+  if (ctx.job != nullptr) {
+    ctx.job->Broadcast(record());
+  } else {
+    SendToAllAdmins(ctx, record());
+  }
+}
 
 void Request::DispatchAgain() { dispatcher_.DoSocketAction(index_); }
 

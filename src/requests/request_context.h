@@ -12,6 +12,7 @@
 namespace kalvo {
 
 class CertificateLibrary;
+class JobPeers;
 
 struct RequestContext {
   ServerState& state;
@@ -24,6 +25,9 @@ struct RequestContext {
   CertificateLibrary& certificates;
   // The registry the settings came from; the configuration requests write to it.
   RegistryStore& registry;
+  // For a request handled off the network thread: `peers` itself, which also records its
+  // broadcasts (see RequestScheduler); null on the network thread.
+  JobPeers* job = nullptr;
 };
 
 }  // namespace kalvo

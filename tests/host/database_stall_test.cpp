@@ -124,8 +124,7 @@ class InProcessTest : public ClusterTest {
            "\"LogLevel\"=dword:00000001\r\n";
     registry_ = std::make_unique<RegistryStore>((dir_.path() / "log.reg").string());
     log_ = std::make_unique<Log>(*registry_, (dir_.path() / "test.log").string());
-    env_ = std::make_unique<OdbcEnvironment>(true);
-    database_ = std::make_unique<Database>(*env_, *log_, settings_);
+    database_ = std::make_unique<Database>(Env(), *log_, settings_);
     // The driver manager's pool outlives the environment and may hold connections to the
     // previous test's cluster (on the same port): each operation replaces one.
     std::string answer;
@@ -162,7 +161,12 @@ class InProcessTest : public ClusterTest {
 
   std::unique_ptr<RegistryStore> registry_;
   std::unique_ptr<Log> log_;
-  std::unique_ptr<OdbcEnvironment> env_;
+  // One environment for the program, as the server has one for its life: the driver
+  // manager's pool keeps what an environment's connections left in it beyond the environment.
+  static OdbcEnvironment& Env() {
+    static OdbcEnvironment env(true);
+    return env;
+  }
   std::unique_ptr<Database> database_;
 };
 
@@ -218,7 +222,7 @@ TEST_F(InProcessTest, AfterARestartTheFirstOperationsSucceedOnNewConnections) {
     RecordSet ignored;
     ASSERT_TRUE(DBExecuteSQLCommand(a, Statement("CREATE TABLE t_once (n INTEGER)"), ignored));
   }
-  ASSERT_EQ(env_->open_count(), 3u);
+  ASSERT_GE(Env().open_count(), 3u);
   ASSERT_TRUE(cluster_.Restart()) << cluster_.error();
   ClearLog();
   EXPECT_EQ(RunOperation(*database_, "ReadOne", ConnectFailure::kPlain, std::string("none"),
@@ -263,12 +267,12 @@ class ServerOnClusterTest : public ClusterTest {
   }
 };
 
-TEST_F(ServerOnClusterTest, EchoIsAnsweredWithinTheTimeoutWhileTheDatabaseHangs) {
+TEST_F(ServerOnClusterTest, AnEchoDoesNotWaitForARequestThatTheDatabaseHolds) {
   ServerProcess server("", DatabaseKey());
   const std::string kGroupNames = "14|303|0||||0|";
   const std::string kEcho = "14|311|0||||0|";
   Client console(server.port());
-  // Once with the database answering: this leaves a connection in the pool.
+  // Once with the database answering: this leaves a connection open.
   console.Send(kGroupNames);
   ASSERT_NE(ReceivePacket(console).find("|303|"), std::string::npos);
   ASSERT_TRUE(server.WaitForLog("DBGetColumnData (OK)"));
@@ -279,15 +283,18 @@ TEST_F(ServerOnClusterTest, EchoIsAnsweredWithinTheTimeoutWhileTheDatabaseHangs)
   console.Send(kGroupNames);
   ASSERT_TRUE(server.WaitForLog("DoSocketAction: ID: 303 Socket: 1", 2));
   Client other(server.port());
+  const auto echo_start = Clock::now();
   other.Send(kEcho);
   const std::string echo = ReceivePacket(other, 15000);
-  const double waited = std::chrono::duration<double>(Clock::now() - start).count();
+  const double echo_wait = std::chrono::duration<double>(Clock::now() - echo_start).count();
   EXPECT_EQ(echo, kEcho);
-  // The echo waited behind the stalled operation (the server serves one request at a time),
-  // and no longer than the time limit allows.
-  EXPECT_GE(waited, kTimeoutSeconds - 0.5);
-  EXPECT_LE(waited, kTimeoutSeconds + 1.0) << server.Log();
+  // The echo is answered while the stalled request waits on a database worker (well within
+  // 50 ms on an idle machine; the bound leaves room for sanitizer builds on a busy one).
+  EXPECT_LT(echo_wait, 0.5) << server.Log();
+  // The stalled request ends within the time limit.
   EXPECT_NE(ReceivePacket(console, 5000).find("|303|"), std::string::npos);
+  const double waited = std::chrono::duration<double>(Clock::now() - start).count();
+  EXPECT_LE(waited, kTimeoutSeconds + 1.0) << server.Log();
   EXPECT_NE(server.Log().find("the database did not answer within 2 s"), std::string::npos)
       << server.Log();
 }

@@ -169,7 +169,9 @@ TEST(RegFileScaling, EightyThousandValuesInOneKeyTakeLinearSteps) {
   Warnings warnings;
   const Cost cost = Measure(file, doc, warnings);
   EXPECT_LT(cost.steps, 2 * file.size());
-  EXPECT_LT(cost.peak_bytes, 16 * static_cast<int64_t>(file.size()));
+  // Each value of 17 bytes in the file carries its name, its data and the comment lines above
+  // it (empty here) as strings of their own.
+  EXPECT_LT(cost.peak_bytes, 20 * static_cast<int64_t>(file.size()));
   const std::vector<RegValue>& values = doc.Values("HKLM\\Software\\Big");
   ASSERT_EQ(values.size(), static_cast<size_t>(kValues));
   EXPECT_EQ(values[17].name, "value17");

@@ -126,7 +126,8 @@ TEST_P(HandlersTest, GroupsAndChoiceLists) {
   sent = Handle(2, Packet(302, std::string(kJeder) + "|Jeder|Alle|5|" + kAnna));
   EXPECT_EQ(sent.at(0).packet, Packet(302, "OK"));
   EXPECT_EQ(Handle(2, Packet(302, "broken")).at(0).packet, Packet(302, "ERROR"));
-  EXPECT_EQ(Handle(2, Packet(303)).at(0).packet.Data, "") << "the groups were all replaced";
+  EXPECT_EQ(Handle(2, Packet(303)).at(0).packet.Data, "Jeder")
+      << "a replacement that fails leaves the groups as they were";
   Handle(2, Packet(302, std::string(kJeder) + "|Jeder|Alle|5|"));
   EXPECT_EQ(Handle(2, Packet(303)).at(0).packet.Data, "Jeder");
   EXPECT_EQ(Handle(2, Packet(304)).at(0).packet.Data, "unknown (anna)");
