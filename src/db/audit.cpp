@@ -1,5 +1,7 @@
 #include "db/audit.h"
 
+#include <algorithm>
+
 #include "db/operation.h"
 #include "infra/arrays.h"
 #include "infra/dates.h"
@@ -33,9 +35,14 @@ std::string LikePattern(std::string pattern) {
   return pattern;
 }
 
-Statement LoggingQuery(const AuditQuery& query) {
-  Statement sql(
-      "SELECT tbl_kdx_logging_client.token_guid, tbl_kdx_token.token_person, "
+// The console's query for at most `max_rows` entries, newest first. The engine stops after
+// them: with the time-stamp index it reads no more entries than it shows (TOP becomes the
+// engine's LIMIT where needed).
+Statement LoggingQuery(int32_t max_rows, const AuditQuery& query) {
+  Statement sql("SELECT TOP ");
+  sql.Number(int64_t{std::max(max_rows, 0)});
+  sql.Sql(
+      " tbl_kdx_logging_client.token_guid, tbl_kdx_token.token_person, "
       "tbl_kdx_logging_client.user_name, tbl_kdx_logging_client.token_action, "
       "tbl_kdx_logging_client.token_timestamp, tbl_kdx_logging_client.token_ip, "
       "tbl_kdx_logging_client.token_user_dn "
@@ -116,10 +123,20 @@ std::string DBDeleteLoggingInformation(Database& database, bool all, bool by_cou
       database, "DBDeleteLoggingInformation", ConnectFailure::kBang, std::string("ERROR"),
       [&](DbConnection& c, std::string& result) {
         Statement sql("DELETE FROM tbl_kdx_logging_client");
-        if (all) {
+        const int64_t newest = int64_t{count} - 1;
+        if (all || (by_count && newest == 0)) {
+          // Keeping none of the entries there are: all of them go.
         } else if (by_count) {
-          sql.Sql(" WHERE token_timestamp NOT IN (SELECT TOP ").Number(int64_t{count} - 1);
-          sql.Sql(" token_timestamp FROM tbl_kdx_logging_client ORDER BY token_timestamp DESC)");
+          // Entries older than the newest `newest` entries' oldest time stamp go, so ties at
+          // the boundary stay together. The boundary is only taken when those entries are that
+          // many and none lacks a time stamp (then nothing goes). The time-stamp index gives
+          // the newest entries and the older ones without reading the rest of the table.
+          // A negative count is no valid TOP: the engine refuses the statement.
+          sql.Sql(" WHERE token_timestamp < (SELECT CASE WHEN COUNT(token_timestamp) = ");
+          sql.Number(newest).Sql(" THEN MIN(token_timestamp) END FROM (SELECT TOP ");
+          sql.Number(newest).Sql(
+              " token_timestamp FROM tbl_kdx_logging_client ORDER BY token_timestamp DESC) "
+              "AS kalvo_newest)");
         } else {
           std::tm midnight = database.Now();
           midnight.tm_hour = midnight.tm_min = midnight.tm_sec = 0;
@@ -138,7 +155,7 @@ std::string DBGetLoggingInformation(Database& database, int32_t max_rows, const 
         RecordSet rs;
         // Only the newest `max_rows` are kept, so no more are fetched.
         const size_t keep = max_rows > 0 ? static_cast<size_t>(max_rows) : 0;
-        if (DBExecuteSQLCommand(c, LoggingQuery(query), rs, keep) && !rs.Eof()) {
+        if (DBExecuteSQLCommand(c, LoggingQuery(max_rows, query), rs, keep) && !rs.Eof()) {
           result = Join(DBGetArrayFromRecordSet(database, rs, "|", kCrLf, false, true), kCrLf);
         }
         total = QueryText(c, Statement("SELECT Count (*) FROM tbl_kdx_logging_client"), "", " ",

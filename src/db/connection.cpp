@@ -298,6 +298,29 @@ std::optional<std::string> ConnectAttributeProblem(std::string_view dsn, std::st
   return std::nullopt;
 }
 
+namespace {
+
+// Several workers share one SQLite file. In WAL mode readers neither wait for a writer nor
+// make it wait, and the busy timeout makes a second writer wait for the first instead of
+// failing with "database is locked": as long as the time limit of a statement, since waiting
+// longer could not help it. The timeout belongs to the connection (WAL to the file as well),
+// so both are set on every new physical connection, whatever the data source says. Where
+// they cannot be set (a read-only file) the driver's defaults stay; nothing is logged, as
+// the connection works without them.
+void PrepareSqlite(DbConnection& connection) noexcept {
+  const int32_t seconds = connection.database().settings().timeout_seconds;
+  const int64_t milliseconds = seconds > 0 ? int64_t{seconds} * 1000 : 5000;
+  for (const Statement& pragma : {Statement("PRAGMA journal_mode=WAL"),
+                                  Statement("PRAGMA busy_timeout=").Number(milliseconds)}) {
+    try {
+      Execute(connection, pragma, SIZE_MAX);
+    } catch (...) {
+    }
+  }
+}
+
+}  // namespace
+
 void DbConnection::Close() noexcept {
   if (!dbc_) return;
   if (in_transaction_) EndTransaction(false);
@@ -370,6 +393,7 @@ void DbConnection::Open(std::string_view dsn, std::string_view user, std::string
     }
     dbc_ = std::move(dbc);
     key_ = std::move(key);
+    if (!kept && dialect_ == Dialect::kSqlite) PrepareSqlite(*this);
     return;
   }
 }

@@ -19,6 +19,31 @@ Statement SelectToken(std::string_view guid) {
   return sql;
 }
 
+// The statement that tells whether the token `guid` has a certificate.
+Statement CertificateProbe(std::string_view guid) {
+  Statement sql = SelectToken(guid);
+  sql.Sql(" AND token_certificate <> ''");
+  return sql;
+}
+
+// For every token row, whether the probe for its GUID would find a certificate, in one
+// statement: the GUID index serves each row's EXISTS, so the list costs no statement per
+// token. Keyed by the GUID exactly as stored; duplicates share one answer.
+std::unordered_map<std::string, bool> CertificateFlags(DbConnection& c) {
+  std::unordered_map<std::string, bool> flags;
+  RecordSet rs;
+  const Statement sql(
+      "SELECT token_guid, CASE WHEN EXISTS (SELECT * FROM tbl_kdx_token kalvo_other "
+      "WHERE kalvo_other.token_guid = tbl_kdx_token.token_guid "
+      "AND kalvo_other.token_certificate <> '') THEN 1 ELSE 0 END FROM tbl_kdx_token");
+  if (!DBExecuteSQLCommand(c, sql, rs)) return flags;
+  for (const auto& row : rs.rows) {
+    if (row.size() < 2 || !row[0]) continue;
+    flags.emplace(*row[0], row[1].value_or("0") == "1");
+  }
+  return flags;
+}
+
 }  // namespace
 
 std::string DBSetLastTokenConnect(Database& database, std::string_view guid,
@@ -108,10 +133,19 @@ std::string DBGetTokenList(Database& database, const LanguageLookup& language,
         const std::string yes = language ? language("GENERAL", "YES") : "";
         const std::string no = language ? language("GENERAL", "NO") : "";
         std::vector<std::string> rows = DBGetArrayFromRecordSet(database, rs, "$", "|", true, true);
+        const std::unordered_map<std::string, bool> flags = CertificateFlags(c);
         for (std::string& row : rows) {
+          // The GUID is the row text's first 36 characters. Where that is no stored GUID (a
+          // shorter one, or a bar inside a field that split the row) or the probe could not be
+          // sent, the probe itself runs, so the answer stays the probe's in every case.
           const std::string guid = row.substr(0, 36);
+          const auto known = flags.find(guid);
+          const bool has_certificate =
+              known != flags.end() && !CertificateProbe(guid).Problem(c.dialect())
+                  ? known->second
+                  : DBTokenHasCertificate(c, guid);
           row += '$';
-          row += DBTokenHasCertificate(c, guid) ? yes : no;
+          row += has_certificate ? yes : no;
           row += '$';
           if (addresses) row += addresses(guid);
         }
@@ -120,10 +154,8 @@ std::string DBGetTokenList(Database& database, const LanguageLookup& language,
 }
 
 bool DBTokenHasCertificate(DbConnection& connection, std::string_view guid) {
-  Statement sql = SelectToken(guid);
-  sql.Sql(" AND token_certificate <> ''");
   RecordSet rs;
-  return DBExecuteSQLCommand(connection, sql, rs, 1) && !rs.Eof();
+  return DBExecuteSQLCommand(connection, CertificateProbe(guid), rs, 1) && !rs.Eof();
 }
 
 int32_t DBTokenHasCertificate(Database& database, std::string_view guid) {

@@ -107,6 +107,73 @@ TEST_P(AuditTest, DeletingAllEmptiesTheTable) {
   EXPECT_EQ(Count(), 0);
 }
 
+// Trimming by count keeps every entry whose time stamp is among the newest n - 1 entries'
+// time stamps: ties at the boundary stay or go together, and the new entry makes n.
+struct TrimCase {
+  const char* name;
+  std::vector<const char*> stamps;  // entry i is named "r<i>"; nullptr writes NULL
+  int32_t count;
+  const char* result;
+  const char* kept;  // names of the entries left, in name order
+};
+
+class AuditTrimTest : public AuditTest {
+ protected:
+  // Replaces the table's entries by `stamps`.
+  void Fill(const std::vector<const char*>& stamps) {
+    MustExecute({"DELETE FROM tbl_kdx_logging_client"});
+    for (size_t i = 0; i < stamps.size(); ++i) {
+      const std::string stamp =
+          stamps[i] == nullptr ? std::string("NULL") : "'" + std::string(stamps[i]) + "'";
+      const std::string sql = "INSERT INTO tbl_kdx_logging_client VALUES ('r" + std::to_string(i) +
+                              "','','CONNECT'," + stamp + ",'','','')";
+      MustExecute({sql});
+    }
+  }
+  std::string Kept() {
+    return Query("SELECT token_guid FROM tbl_kdx_logging_client ORDER BY token_guid");
+  }
+};
+
+TEST_P(AuditTrimTest, ByCountKeepsTheNewestTimeStampsWithTheirTies) {
+  const char* a = "2027-01-01-00-00-01";
+  const char* b = "2027-01-01-00-00-02";
+  const char* c = "2027-01-01-00-00-03";
+  const char* d = "2027-01-01-00-00-04";
+  const TrimCase cases[] = {
+      {"the newest n-1 stay", {a, b, c, d}, 3, "OK", "r2$r3"},
+      {"one deletes everything", {a, b, c}, 1, "OK", ""},
+      {"n-1 equal to the entries deletes nothing", {a, b, c}, 4, "OK", "r0$r1$r2"},
+      {"n-1 above the entries deletes nothing", {a, b}, 100, "OK", "r0$r1"},
+      {"an empty table", {}, 3, "OK", ""},
+      {"ties at the boundary stay together", {a, b, b, c}, 3, "OK", "r1$r2$r3"},
+      {"ties below the boundary go together", {a, a, b}, 2, "OK", "r2"},
+      {"all tied: nothing goes", {b, b, b}, 2, "OK", "r0$r1$r2"},
+      {"order of insertion does not matter", {d, a, c, b}, 3, "OK", "r0$r2"},
+      {"an empty time stamp is the oldest", {"", a, b}, 3, "OK", "r1$r2"},
+      {"one with a NULL time stamp deletes everything", {nullptr, a, b}, 1, "OK", ""},
+      {"zero is refused by the engine", {a, b}, 0, "ERROR", "r0$r1"},
+      {"a negative count is refused by the engine", {a, b}, -5, "ERROR", "r0$r1"},
+  };
+  for (const TrimCase& t : cases) {
+    SCOPED_TRACE(t.name);
+    Fill(t.stamps);
+    EXPECT_EQ(DBDeleteLoggingInformation(db(), false, true, t.count, false, 7), t.result);
+    EXPECT_EQ(Kept(), t.kept);
+  }
+}
+
+TEST_P(AuditTrimTest, ByCountWithNullTimeStampsFollowsTheEnginesNullOrder) {
+  // NULL sorts last in a descending order on SQLite and MariaDB, first on PostgreSQL; a NULL
+  // among the newest n - 1 keeps every entry, and a NULL entry itself is never older than one.
+  Fill({nullptr, "2027-01-01-00-00-01", "2027-01-01-00-00-02", "2027-01-01-00-00-03"});
+  EXPECT_EQ(DBDeleteLoggingInformation(db(), false, true, 3, false, 7), "OK");
+  EXPECT_EQ(Kept(), GetParam() == Engine::kPostgres ? "r0$r1$r2$r3" : "r0$r2$r3");
+  Fill({nullptr, nullptr, "2027-01-01-00-00-01"});
+  EXPECT_EQ(DBDeleteLoggingInformation(db(), false, true, 3, false, 7), "OK");
+  EXPECT_EQ(Kept(), "r0$r1$r2");
+}
+
 class AuditQueryTest : public AuditTest {
  protected:
   void SetUp() override {
@@ -147,6 +214,41 @@ TEST_P(AuditQueryTest, RowsAreNewestFirstWithTheTotalOfTheTable) {
   EXPECT_EQ(Seconds(AuditQuery{}, 0), "");
 }
 
+TEST_P(AuditQueryTest, TheDisplayCountCutsAfterTheFiltersAndTheJoin) {
+  AuditQuery connects;
+  connects.mask = 1;
+  AuditQuery bert;
+  bert.text_filters = "*\r\n*\r\n" + std::string(kBert) + "\r\n*";
+  const struct {
+    const char* name;
+    AuditQuery query;
+    int32_t max_rows;
+    const char* seconds;
+  } cases[] = {
+      {"the entry of a deleted token takes no place", AuditQuery{}, 1, "04"},
+      {"more than there are", AuditQuery{}, 1000, "04,03,02,01"},
+      {"exactly as many as there are", AuditQuery{}, 4, "04,03,02,01"},
+      {"a negative count shows nothing", AuditQuery{}, -3, ""},
+      {"the mask before the count", connects, 1, "01"},
+      {"a text filter before the count", bert, 1, "04"},
+  };
+  for (const auto& t : cases) {
+    SCOPED_TRACE(t.name);
+    EXPECT_EQ(Seconds(t.query, t.max_rows), t.seconds);
+    EXPECT_EQ(total_, "5") << "the total counts the whole table";
+  }
+}
+
+TEST_P(AuditQueryTest, TiesAtTheDisplayCountGiveThatManyOfTheTiedEntries) {
+  // Entries of equal time stamps come in no defined order, so which of them fill the last
+  // places is open; how many, and their time stamps, are not.
+  Write(Active(), "2027-01-01-00-00-04", AuditAction::kBackup, kAnna);
+  Write(Active(), "2027-01-01-00-00-04", AuditAction::kRestore, kAnna);
+  EXPECT_EQ(Seconds(AuditQuery{}, 2), "04,04");
+  EXPECT_EQ(Seconds(AuditQuery{}, 4), "04,04,04,03");
+  EXPECT_EQ(total_, "7");
+}
+
 TEST_P(AuditQueryTest, TheMaskUsesTheFilterBitsNotTheCodes) {
   AuditQuery q;
   q.mask = 3;  // CONNECT and REMOVE
@@ -183,6 +285,7 @@ TEST_P(AuditQueryTest, TextAndTimeFilters) {
 
 KALVO_INSTANTIATE_ENGINES(AuditTest);
 KALVO_INSTANTIATE_ENGINES(AuditQueryTest);
+KALVO_INSTANTIATE_ENGINES(AuditTrimTest);
 
 }  // namespace
 }  // namespace kalvo::testing

@@ -1,6 +1,8 @@
 // Connecting, executing and the result-set conversions against each engine.
 #include "db/connection.h"
 
+#include <chrono>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -336,6 +338,59 @@ TEST(OdbcPooling, OnlyTheDriverManagersWordsForOnTurnItOn) {
   }
   ::setenv("ODBCSYSINI", saved.c_str(), 1);
 }
+
+// Several workers on one SQLite file: a reader inside a transaction does not hold up a
+// writer, and a second writer waits for the first instead of failing as locked.
+using SqliteConcurrencyTest = DbTest;
+
+TEST_P(SqliteConcurrencyTest, ReadersNeverBlockAndASecondWriterWaits) {
+  MustExecute({"CREATE TABLE t_num (n INTEGER)", "INSERT INTO t_num VALUES (1)"});
+  EXPECT_EQ(Query("PRAGMA journal_mode"), "wal");
+  const auto run = [](DbConnection& c, std::string_view sql, std::string* text = nullptr) {
+    RecordSet rs;
+    const bool ok = DBExecuteSQLCommand(c, Statement(sql), rs);
+    if (ok && text != nullptr && !rs.Eof()) *text = rs.rows[0][0].value_or("");
+    return ok;
+  };
+  DbConnection reader(db()), writer(db());
+  ASSERT_TRUE(DBConnect(reader));
+  ASSERT_TRUE(DBConnect(writer));
+
+  // The reader's open transaction keeps its view of the table while the writer commits.
+  reader.BeginTransaction();
+  std::string count;
+  ASSERT_TRUE(run(reader, "SELECT COUNT(*) FROM t_num", &count));
+  EXPECT_EQ(count, "1");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(run(writer, "INSERT INTO t_num VALUES (2)")) << LogText();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1))
+      << "the writer did not wait for the reader";
+  ASSERT_TRUE(run(reader, "SELECT COUNT(*) FROM t_num", &count)) << LogText();
+  EXPECT_EQ(count, "1");
+  reader.EndTransaction(true);
+
+  // While the writer's transaction is open, a reader sees the committed rows at once and a
+  // second writer waits until the first commits.
+  writer.BeginTransaction();
+  ASSERT_TRUE(run(writer, "INSERT INTO t_num VALUES (3)"));
+  ASSERT_TRUE(run(reader, "SELECT COUNT(*) FROM t_num", &count)) << LogText();
+  EXPECT_EQ(count, "2");
+  auto second = std::async(std::launch::async, [&] {
+    DbConnection other(db());
+    const auto begin = std::chrono::steady_clock::now();
+    const bool ok = DBConnect(other) && run(other, "INSERT INTO t_num VALUES (4)");
+    return std::make_pair(ok, std::chrono::steady_clock::now() - begin);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(400));
+  ASSERT_TRUE(writer.EndTransaction(true));
+  const auto [ok, waited] = second.get();
+  EXPECT_TRUE(ok) << LogText();
+  EXPECT_GE(waited, std::chrono::milliseconds(300)) << "the second writer did not wait";
+  EXPECT_EQ(Query("SELECT COUNT(*) FROM t_num"), "4");
+}
+
+INSTANTIATE_TEST_SUITE_P(Engines, SqliteConcurrencyTest, ::testing::Values(Engine::kSqlite),
+                         EngineName);
 
 KALVO_INSTANTIATE_ENGINES(ConnectionTest);
 KALVO_INSTANTIATE_ENGINES(BinaryColumnTest);

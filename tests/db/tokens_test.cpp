@@ -1,8 +1,11 @@
 // Tokens, groups, rights and certificates on each engine.
 #include "db/tokens.h"
 
+#include <algorithm>
+
 #include "db/groups.h"
 #include "domain_fixture.h"
+#include "infra/arrays.h"
 #include "infra/runtime_error.h"
 
 namespace kalvo::testing {
@@ -99,6 +102,71 @@ TEST_P(TokensTest, TokenListShowsCertificateAndCurrentAddresses) {
       std::string(kBert) + "$Bert Müller$Laptop$" + stamp + "$" + stamp + "$10.0.0.9$$Ja$";
   EXPECT_TRUE(list == anna + "|" + bert || list == bert + "|" + anna) << list;
   EXPECT_FALSE(DBSetTokenData(db(), kBert, "no bar")) << "person and description are both needed";
+}
+
+// The list's certificate column says whether a row with the GUID made of the first 36
+// characters of the token's text holds a certificate that differs from the empty text. Each
+// case is one token row (or two); `flags` gives the column per engine, SQLite|PostgreSQL|MariaDB.
+TEST_P(TokensTest, TokenListCertificateColumnOnEveryKindOfRow) {
+  const bool maria = GetParam() == Engine::kMariaDb;
+  const std::string backslash = maria ? "\\\\" : "\\";
+  const struct {
+    const char* name;
+    std::string guid;
+    const char* person;
+    const char* certificate;  // SQL of the stored value
+  } rows[] = {
+      {"stored certificate", "C0000000-0000-4000-8000-000000000001", "p", "'CERT'"},
+      {"empty text", "C0000000-0000-4000-8000-000000000002", "p", "''"},
+      {"NULL", "C0000000-0000-4000-8000-000000000003", "p", "NULL"},
+      {"duplicate without", "C0000000-0000-4000-8000-000000000005", "p", "''"},
+      {"duplicate with", "C0000000-0000-4000-8000-000000000005", "p", "'X'"},
+      {"short GUID", "SHORT-1", "p", "'X'"},
+      {"apostrophe in the GUID", "C0000000-0000-4000-8000-00000000''07", "p", "'X'"},
+      {"lower-case twin without", "c0000000-0000-4000-8000-0000000000aa", "p", "''"},
+      {"upper-case twin with", "C0000000-0000-4000-8000-0000000000AA", "p", "'X'"},
+      {"bar in the person", "C0000000-0000-4000-8000-000000000009", "Bob|Ext", "'X'"},
+      {"backslash in the GUID", "C0000000-0000-4000-8000-00000000" + backslash + "010", "p", "'X'"},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    MustExecute({"INSERT INTO tbl_kdx_token VALUES ('" + r.guid + "','" + r.person +
+                 "','','c','u',''," + r.certificate + ",'')"});
+  }
+  // A certificate stored and then removed through the operations.
+  const std::string removed = "C0000000-0000-4000-8000-000000000004";
+  MustExecute({"INSERT INTO tbl_kdx_token VALUES ('" + removed + "','p','','c','u','','','')"});
+  ASSERT_TRUE(DBSetCertificate(db(), "CERT", removed));
+  ASSERT_TRUE(DBSetCertificate(db(), "", removed));
+
+  const LanguageLookup language = [](std::string_view, std::string_view key) {
+    return std::string(key == "YES" ? "J" : "N");
+  };
+  std::vector<std::string> list = Split(DBGetTokenList(db(), language, nullptr), "|");
+  std::sort(list.begin(), list.end());
+  const auto row = [](std::string_view guid, std::string_view flag) {
+    return std::string(guid) + "$p$$c$u$$$" + std::string(flag) + "$";
+  };
+  // MariaDB compares GUIDs without case and refuses a backslash in a value.
+  std::vector<std::string> expected = {
+      row("C0000000-0000-4000-8000-000000000001", "J"),
+      row("C0000000-0000-4000-8000-000000000002", "N"),
+      row("C0000000-0000-4000-8000-000000000003", "N"),
+      row(removed, "N"),
+      row("C0000000-0000-4000-8000-000000000005", "J"),
+      row("C0000000-0000-4000-8000-000000000005", "J"),
+      "SHORT-1$p$$c$u$$$N$",
+      row("C0000000-0000-4000-8000-00000000'07", "N"),
+      row("c0000000-0000-4000-8000-0000000000aa", maria ? "J" : "N"),
+      row("C0000000-0000-4000-8000-0000000000AA", "J"),
+      "C0000000-0000-4000-8000-000000000009$Bob",
+      "Ext$$c$u$$$N$",
+      row("C0000000-0000-4000-8000-00000000\\010", maria ? "N" : "J"),
+  };
+  // The part after the bar continues the row it was cut from, and gets its own columns.
+  expected[10] += "$J$";
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(list, expected);
 }
 
 TEST_P(TokensTest, CertificateIsStoredByteExactlyAndOnlyForAKnownToken) {
