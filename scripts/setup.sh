@@ -55,7 +55,15 @@ cmake --build build -j "$jobs"
 configure build-asan -DKALVO_SANITIZE=ON -DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1 -g1" \
   -DKALVO_TRAY=OFF
 cmake --build build-asan -j "$jobs"
+# ThreadSanitizer: the server and the test programs that run its threads (labelled "threads").
+configure build-tsan -DKALVO_SANITIZE_THREAD=ON -DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1 -g1" \
+  -DKALVO_TRAY=OFF
+tsan_targets=(kalvosrv kalvoctl host_concurrency_test host_database_stall_test host_token_e2e_test
+              host_crash_test net_connection_table_test infra_log_test)
+cmake --build build-tsan -j "$jobs" --target "${tsan_targets[@]}"
 status=0
+(cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  ctest --output-on-failure -j "$jobs" --timeout 600 -L threads) || status=1
 (cd build-asan && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
 (cd build && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
 # The fuzz targets (tests/fuzz) are a clang project of their own. Each runs 60 s on a copy of
