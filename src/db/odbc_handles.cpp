@@ -1,17 +1,14 @@
 #include "db/odbc_handles.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
+#include <sstream>
 
 #include "infra/ini_file.h"
 
@@ -153,16 +150,66 @@ std::string ConnectionKey(std::string_view dsn, std::string_view user, std::stri
 
 namespace {
 
-constexpr int kWindowSize = 64;
+// The inode of the socket behind descriptor link `link` ("socket:[12345]"); 0 for another file.
+uint64_t SocketInode(const std::filesystem::path& link) {
+  std::error_code ec;
+  const std::string target = std::filesystem::read_symlink(link, ec).string();
+  if (ec || !target.starts_with("socket:[") || !target.ends_with("]")) return 0;
+  return std::strtoull(target.c_str() + 8, nullptr, 10);
+}
 
-// The peer address of socket `fd` as bytes; "" when `fd` is no connected socket.
-std::string PeerOf(int fd) {
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode)) return "";
-  sockaddr_storage address{};
-  socklen_t length = sizeof address;
-  if (::getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) return "";
-  return std::string(reinterpret_cast<const char*>(&address), length);
+// Every open descriptor of the process that is a socket, with its inode.
+std::vector<std::pair<int, uint64_t>> OpenSockets() {
+  std::vector<std::pair<int, uint64_t>> sockets;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+    const std::string name = entry.path().filename().string();
+    if (name.empty() || !std::all_of(name.begin(), name.end(),
+                                     [](unsigned char c) { return std::isdigit(c) != 0; })) {
+      continue;
+    }
+    if (const uint64_t inode = SocketInode(entry.path())) {
+      sockets.emplace_back(std::stoi(name), inode);
+    }
+  }
+  return sockets;
+}
+
+// A TCP socket as the kernel's table shows it: its local port and its remote end (address and
+// port in the table's own hexadecimal form, which is what identifies a database server here).
+struct TcpSocket {
+  uint16_t local_port = 0;
+  std::string remote;
+};
+
+// The TCP sockets of the machine (IPv4 and IPv6) by inode.
+std::map<uint64_t, TcpSocket> TcpSockets() {
+  std::map<uint64_t, TcpSocket> sockets;
+  for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+    std::ifstream in(table);
+    std::string line;
+    std::getline(in, line);  // the heading
+    while (std::getline(in, line)) {
+      // "sl local_address rem_address st tx_queue:rx_queue tr:tm->when retrnsmt uid timeout
+      // inode ..."
+      std::istringstream fields(line);
+      std::string sl, local, remote, state, queues, timer, retransmits, uid, timeout;
+      uint64_t inode = 0;
+      if (!(fields >> sl >> local >> remote >> state >> queues >> timer >> retransmits >> uid >>
+            timeout >> inode) ||
+          inode == 0) {
+        continue;
+      }
+      const size_t colon = local.rfind(':');
+      TcpSocket& s = sockets[inode];
+      s.local_port =
+          colon == std::string::npos
+              ? 0
+              : static_cast<uint16_t>(std::strtoul(local.c_str() + colon + 1, nullptr, 16));
+      s.remote = remote;
+    }
+  }
+  return sockets;
 }
 
 // The database servers learnt from connects. Shared by every guard of the process: the
@@ -191,41 +238,32 @@ StallGuard::~StallGuard() {
 
 StallGuard::FdWindow StallGuard::Snapshot() {
   FdWindow window;
-  // Descriptors are handed out lowest first: what a connect opens lands at or just above
-  // the lowest free one.
-  window.first = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  if (window.first < 0) return window;
-  ::close(window.first);
-  for (int i = 0; i < kWindowSize; ++i) {
-    if (::fcntl(window.first + i, F_GETFD) != -1) window.open |= uint64_t{1} << i;
-  }
+  for (const auto& [fd, inode] : OpenSockets()) window.sockets.push_back(inode);
+  std::sort(window.sockets.begin(), window.sockets.end());
   return window;
 }
 
 void StallGuard::NoteNewSockets(const FdWindow& before) {
-  if (before.first < 0) return;
   std::vector<uint16_t> server_ports;
   {
     std::lock_guard lock(mutex_);
     server_ports = server_ports_;
   }
-  for (int i = 0; i < kWindowSize; ++i) {
-    if ((before.open >> i) & 1) continue;
-    const int fd = before.first + i;
-    std::string peer = PeerOf(fd);
-    if (peer.empty()) continue;
-    sockaddr_in local{};
-    socklen_t length = sizeof local;
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
-        local.sin_family == AF_INET &&
-        std::find(server_ports.begin(), server_ports.end(), ntohs(local.sin_port)) !=
-            server_ports.end()) {
+  std::map<uint64_t, TcpSocket> tcp;
+  for (const auto& [fd, inode] : OpenSockets()) {
+    if (std::binary_search(before.sockets.begin(), before.sockets.end(), inode)) continue;
+    if (tcp.empty()) tcp = TcpSockets();
+    const auto found = tcp.find(inode);
+    if (found == tcp.end()) continue;
+    if (std::find(server_ports.begin(), server_ports.end(), found->second.local_port) !=
+        server_ports.end()) {
       continue;  // a peer the server accepted meanwhile
     }
     DatabasePeers& known = KnownPeers();
     std::lock_guard lock(known.mutex);
-    if (std::find(known.peers.begin(), known.peers.end(), peer) == known.peers.end()) {
-      known.peers.push_back(std::move(peer));
+    if (std::find(known.peers.begin(), known.peers.end(), found->second.remote) ==
+        known.peers.end()) {
+      known.peers.push_back(found->second.remote);
     }
   }
 }
@@ -283,16 +321,12 @@ void StallGuard::Watch() {
 void StallGuard::CutDatabaseSockets() {
   DatabasePeers& known = KnownPeers();
   std::lock_guard lock(known.mutex);
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
-    const std::string name = entry.path().filename().string();
-    if (name.empty() || !std::all_of(name.begin(), name.end(),
-                                     [](unsigned char c) { return std::isdigit(c) != 0; }))
-      continue;
-    const int fd = std::stoi(name);
-    const std::string peer = PeerOf(fd);
-    if (!peer.empty() &&
-        std::find(known.peers.begin(), known.peers.end(), peer) != known.peers.end()) {
+  if (known.peers.empty()) return;
+  const std::map<uint64_t, TcpSocket> tcp = TcpSockets();
+  for (const auto& [fd, inode] : OpenSockets()) {
+    const auto found = tcp.find(inode);
+    if (found != tcp.end() && std::find(known.peers.begin(), known.peers.end(),
+                                        found->second.remote) != known.peers.end()) {
       ::shutdown(fd, SHUT_RDWR);
     }
   }

@@ -106,19 +106,21 @@ OdbcHandle<Type> AllocateHandle(SQLSMALLINT parent_type, SQLHANDLE parent) {
 // fails at once. All connections to that server are cut, idle pooled ones included: they lead
 // to the same server, and each would otherwise hold up a later operation just as long.
 //
-// Database servers are learnt from the sockets a connect opens (NoteNewSockets), once for the
-// whole process (the driver manager's pool is the process's), so sockets of other peers (the
-// server's own clients) are never touched: a socket whose local port is one the server listens
-// on (SetServerPorts) was accepted meanwhile by another thread and is no database's. Calls may
+// Database servers are learnt from the TCP sockets a connect opens (NoteNewSockets), once for
+// the whole process (the driver manager's pool is the process's), so sockets of other peers
+// (the server's own clients) are never touched: a socket whose local port is one the server
+// listens on (SetServerPorts) was accepted meanwhile by another thread and is no database's.
+// A database reached through a Unix socket is not watched. Calls may
 // be armed from several threads at once; the watcher thread starts with the first Arm and
 // ends with the object.
 class StallGuard {
  public:
-  // The descriptors around the lowest free one, taken before a connect to learn which
-  // sockets it opened.
+  // The process's open sockets (their inodes), taken before a connect to learn which sockets
+  // it opened. Sockets are found through /proc (the descriptors' links and the kernel's TCP
+  // table), never by calls on the descriptors themselves, which other threads open and
+  // close meanwhile.
   struct FdWindow {
-    int first = -1;
-    uint64_t open = 0;  // bit i: descriptor first + i was open
+    std::vector<uint64_t> sockets;  // ascending
   };
 
   StallGuard() = default;

@@ -328,12 +328,12 @@ inline void WriteOdbcConfig(const std::filesystem::path& dir, bool pooling,
     std::ofstream inst(dir / "odbcinst.ini");
     inst << "[ODBC]\nPooling = " << (pooling ? "Yes" : "No") << "\n\n"
          << "[SQLite3]\nDescription = SQLite3 ODBC Driver\nDriver = " << DriverLibrary("SQLite3")
-         << "\nCPTimeout = 120\nThreading = 2\n\n"
+         << "\nCPTimeout = 120\nThreading = 1\n\n"
          << "[PostgreSQL ANSI]\nDescription = PostgreSQL ODBC driver (ANSI version)\nDriver = "
-         << DriverLibrary("PostgreSQL ANSI") << "\nCPTimeout = 120\n";
+         << DriverLibrary("PostgreSQL ANSI") << "\nCPTimeout = 120\nThreading = 1\n";
     if (mariadb_port != 0) {
       inst << "\n[" << maria_driver << "]\nDriver = " << DriverLibrary(maria_driver)
-           << "\nCPTimeout = 120\n";
+           << "\nCPTimeout = 120\nThreading = 1\n";
     }
   }
   {
