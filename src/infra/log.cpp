@@ -24,7 +24,8 @@ constexpr std::string_view kRoot = "HKEY_LOCAL_MACHINE:Software";
 constexpr std::string_view kMaker = "Orvanta";
 constexpr std::string_view kProduct = "Zentara";
 // The log may name users, addresses and statements: readable by the service's group (the
-// creating process's group) for its administrators, by nobody else.
+// creating process's group, or the directory's when root creates it) for its administrators,
+// by nobody else.
 constexpr mode_t kLogFileMode = 0640;
 
 }  // namespace
@@ -70,13 +71,12 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
 
       line = LogTimestamp() + " - " + line;
       const std::string bytes = Cp1252ToUtf8(line) + "\r\n";
-      const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
       // What failed, with the system's reason; empty once the line is written.
       auto failed = [&](std::string_view what) {
         return std::string(what) + " " + path_ + ": " + std::strerror(errno);
       };
       std::string problem;
-      UniqueFd fd(::open(path_.c_str(), flags, kLogFileMode));
+      UniqueFd fd(OpenForAppend(path_, kLogFileMode));
       struct stat st {};
       if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) {
         problem = failed("cannot open");
@@ -90,7 +90,7 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
           if (::rename(path_.c_str(), backup_path_.c_str()) != 0) {
             problem = failed("cannot rotate");
           } else {
-            fd = UniqueFd(::open(path_.c_str(), flags, kLogFileMode));
+            fd = UniqueFd(OpenForAppend(path_, kLogFileMode));
             if (fd.get() < 0) problem = failed("cannot open");
           }
         }

@@ -1,6 +1,7 @@
 #include "infra/log.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -129,6 +130,49 @@ TEST_F(LogTest, FileIsPrivateToTheGroupAndSurvivesRotationByRename) {
   EXPECT_NE(Read(LogPath() + ".1").find("first"), std::string::npos);
   EXPECT_NE(Read(LogPath()).find("second"), std::string::npos);
   EXPECT_EQ(Read(LogPath()).find("first"), std::string::npos);
+}
+
+TEST_F(LogTest, FileThatRootCreatesBelongsToTheOwnerOfItsDirectory) {
+  if (::geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
+  // A service account's log directory, and a root-owned one (the program's parent).
+  struct Case {
+    uid_t dir_uid;
+    gid_t dir_gid;
+    bool file_exists_as_root;  // made by root earlier: stays root's
+    uid_t want_uid;
+    gid_t want_gid;
+  } cases[] = {
+      {65534, 65534, false, 65534, 65534},
+      {65534, 0, false, 65534, 0},
+      {0, 0, false, 0, 0},
+      {65534, 65534, true, 0, 0},
+  };
+  for (const Case& c : cases) {
+    const fs::path sub = dir_ / ("d" + std::to_string(&c - cases));
+    fs::create_directories(sub);
+    ASSERT_EQ(::chown(sub.c_str(), c.dir_uid, c.dir_gid), 0);
+    const std::string path = (sub / "kalvosrv.log").string();
+    if (c.file_exists_as_root) std::ofstream(path) << "old\r\n";
+    Log log(Registry("\"LogLevel\"=dword:00000001"), path);
+    log.WriteLog("line");
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, c.want_uid) << sub;
+    EXPECT_EQ(st.st_gid, c.want_gid) << sub;
+    EXPECT_NE(Read(path).find("line"), std::string::npos);
+  }
+  // The generation a rotation starts is a new file too.
+  const fs::path sub = dir_ / "rotated";
+  fs::create_directories(sub);
+  ASSERT_EQ(::chown(sub.c_str(), 65534, 65534), 0);
+  const std::string path = (sub / "kalvosrv.log").string();
+  std::ofstream(path) << std::string(2000, 'x');
+  Log log(Registry("\"LogLevel\"=dword:00000001\r\n\"LogMaxSize\"=dword:00000000"), path);
+  log.WriteLog("after the rotation");
+  EXPECT_EQ(fs::file_size(path + ".bak"), 2000u);
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, 65534u);
 }
 
 TEST_F(LogTest, FileAtTheLimitRotatesBeforeTheNextLine) {
