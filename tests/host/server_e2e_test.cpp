@@ -250,7 +250,9 @@ TEST(ServerE2E, StartedByHandWithoutForegroundEndsWithAMessage) {
   const fs::path logs = dir / "logs";
   fs::create_directories(logs);
   const bool root = ::geteuid() == 0;
-  if (root) ASSERT_EQ(::chown(logs.c_str(), 65534, 65534), 0);
+  if (root) {
+    ASSERT_EQ(::chown(logs.c_str(), 65534, 65534), 0);
+  }
   std::ofstream(dir / "registry.reg") << "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\"
                                          "Zentara]\r\n\"LogLevel\"=dword:00000001\r\n";
   const std::string command = "env -u INVOCATION_ID LANG=C " + std::string(KALVO_BUILD_DIR) +
