@@ -153,4 +153,5 @@ set(KALVO_REQUIRED_PROGRAMS ${CMAKE_BINARY_DIR}/kalvosrv ${CMAKE_BINARY_DIR}/kal
 configure_file(${CMAKE_SOURCE_DIR}/cmake/PackageDepends.cmake.in
                ${CMAKE_BINARY_DIR}/PackageDepends.cmake @ONLY)
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_BINARY_DIR}/PackageDepends.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/cmake/DebSharedDirs.cmake)
 include(CPack)

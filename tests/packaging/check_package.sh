@@ -80,6 +80,9 @@ fi
 unexpected=$(cd "$root" && find . ! -type d | sed 's|^\.||' | grep -Ev \
   '^/opt/zentara/kdx/|^/etc/opt/zentara/|^/etc/xdg/autostart/kalvotray\.desktop$|^/etc/logrotate\.d/kalvosrv$|^/usr/lib/(tmpfiles|sysusers)\.d/kalvosrv\.conf$|^/usr/s?bin/kalvo|^/lib/systemd/system/kalvosrv\.service$|^/usr/share/(man|bash-completion|kalvosrv|doc/kalvosrv|lintian/overrides)/')
 [ -z "$unexpected" ] || fail "unexpected files: $unexpected"
+# /opt and /etc/opt belong to no Debian package: listed in ours, dpkg would remove them with it.
+dpkg-deb -c "$deb" | awk '{print $6}' | grep -Eqx '\./(etc/)?opt/' &&
+  fail "the package lists /opt or /etc/opt itself"
 [ -z "$(find "$root" -name '*.a' -o -name '*.h' -o -name '*.log')" ] ||
   fail "build leftovers in the package"
 
