@@ -150,6 +150,13 @@ if start_server; then
   tokens_hold_the_logon "first start"
   stop_server
 fi
+# An administrator starting the unit's command by hand as root is told the ways to start it
+# and leaves nothing behind that the service could not use.
+if out=$(in_root sh -c "exec $(unit_value ExecStart)" 2>&1); then
+  fail "a start by hand as root ran: $out"
+fi
+grep -q -- '--foreground' <<<"$out" && grep -q 'systemctl start kalvosrv' <<<"$out" ||
+  fail "a start by hand as root does not name the ways to start: $out"
 # Everything the installation and the service made in their directories is the service's.
 foreign=$(in_root find /var/lib/kalvosrv /var/log/kalvosrv ! -user kalvosrv)
 [ -z "$foreign" ] || fail "not the service's: $foreign"
