@@ -14,6 +14,8 @@
 #include "infra/dates.h"
 #include "infra/files.h"
 #include "infra/registry.h"
+#include "infra/runtime_error.h"
+#include "infra/settings.h"
 #include "infra/text_encoding.h"
 #include "infra/unique_fd.h"
 
@@ -51,6 +53,12 @@ void Log::ReadSettings(int32_t& level, int64_t& max_mib) {
   if (doc != settings_doc_) {
     level_ = RegistryRead(registry_, kRoot, kMaker, kProduct, "LogLevel", 0).ToLong();
     max_mib_ = RegistryRead(registry_, kRoot, kMaker, kProduct, "LogMaxSize", 5).ToLong();
+    try {
+      to_journal_ = SettingBoolean(
+          RegistryRead(registry_, kSettingsRoot, kSettingsKey, "KDX", "LogToJournal", 0));
+    } catch (const RuntimeError&) {
+      to_journal_ = false;  // a value that is no Boolean asks for nothing
+    }
     settings_doc_ = std::move(doc);
   }
   level = level_;
@@ -64,6 +72,7 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
     ReadSettings(level, max_mib);
     if (level == 0 && force) level = 1;
     std::string line(message);
+    if (level > 0 && to_journal_ && journal_sink_) journal_sink_(Cp1252ToUtf8(line));
     if (level > 0) {
       // The size computation is 32-bit: a limit that overflows it loses the line.
       const int64_t limit = max_mib * 1024 * 1024;

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <vector>
 
 #include "infra/cdebug.h"
 #include "infra/registry.h"
@@ -173,6 +174,50 @@ TEST_F(LogTest, FileThatRootCreatesBelongsToTheOwnerOfItsDirectory) {
   struct stat st {};
   ASSERT_EQ(::stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_uid, 65534u);
+}
+
+TEST_F(LogTest, LogToJournalSendsTheLinesThatPassTheLevelToTheSink) {
+  const struct {
+    const char* values;  // under the product key, then the KDX key
+    bool force;
+    bool journaled;
+  } cases[] = {
+      {"\"LogLevel\"=dword:00000001\r\n[KDX]\r\n\"LogToJournal\"=dword:00000001", false, true},
+      {"\"LogLevel\"=dword:00000001\r\n[KDX]\r\n\"LogToJournal\"=\"True\"", false, true},
+      {"\"LogLevel\"=dword:00000000\r\n[KDX]\r\n\"LogToJournal\"=dword:00000001", true, true},
+      // Below the level: neither file nor journal.
+      {"\"LogLevel\"=dword:00000000\r\n[KDX]\r\n\"LogToJournal\"=dword:00000001", false, false},
+      {"\"LogLevel\"=dword:00000001\r\n[KDX]\r\n\"LogToJournal\"=dword:00000000", false, false},
+      {"\"LogLevel\"=dword:00000001", false, false},  // off unless asked
+      {"\"LogLevel\"=dword:00000001\r\n[KDX]\r\n\"LogToJournal\"=\"ja\"", false, false},
+  };
+  for (const auto& c : cases) {
+    std::string values = c.values;
+    // "[KDX]" stands for the product's KDX key.
+    if (const size_t at = values.find("[KDX]"); at != std::string::npos) {
+      values.replace(at, 5, "\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX]");
+    }
+    Log log(Registry(values), LogPath());
+    std::vector<std::string> journal;
+    log.SetJournalSink([&](std::string_view line) { journal.emplace_back(line); });
+    log.WriteLog(
+        "Gr\xFC\xDF"
+        "e",
+        c.force);
+    EXPECT_EQ(journal, c.journaled ? std::vector<std::string>{"Gr\xC3\xBC\xC3\x9F"
+                                                              "e"}
+                                   : std::vector<std::string>{})
+        << c.values;
+  }
+  // A file that cannot be written does not keep the line from the journal.
+  Log log(Registry("\"LogLevel\"=dword:00000001\r\n\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\"
+                   "Zentara\\KDX]\r\n\"LogToJournal\"=dword:00000001"),
+          (dir_ / "missing" / "kalvosrv.log").string());
+  log.SetProblemSink([](const std::string&) {});
+  int sent = 0;
+  log.SetJournalSink([&](std::string_view) { ++sent; });
+  log.WriteLog("line");
+  EXPECT_EQ(sent, 1);
 }
 
 TEST_F(LogTest, FileAtTheLimitRotatesBeforeTheNextLine) {
