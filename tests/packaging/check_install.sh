@@ -3,14 +3,15 @@
 # an administrator would: install, start the unit's ExecStartPre and ExecStart as the unit's
 # user with the unit's environment, one token logon and one `kalvoctl tokens --json` through
 # it, stop; reinstall (an edited setting and the database stay); purge (nothing of the package
-# stays, nothing of the machine goes, /etc/opt stays exactly when it was there before). A
-# second, short cycle installs and purges with /etc/opt the other way round.
+# stays, nothing of the machine goes, /opt and /etc/opt stay exactly when they were there
+# before). A second, short cycle installs and purges with those two the other way round.
 #
 # The copy is an overlay over / in a private mount, PID and network namespace: every write
 # lands in a tmpfs that vanishes with the namespace, every process started inside dies with
 # it, and the server listens on a loopback of its own. The copy skips the manual page index
-# (man-db's trigger), which only costs time. The upper layer of the overlay is
-# exactly what the package changed, so the purge check reads it. Needs root.
+# (man-db's trigger), which only costs time. The upper layer of the overlay is exactly what
+# the package changed, so the purge check reads it. Needs root and namespaces (skipped in a
+# container that forbids them) and takes about 15 s.
 #   check_install.sh PACKAGE.deb
 set -euo pipefail
 
@@ -18,6 +19,10 @@ if [ "${1:-}" != --inside ]; then
   deb=$(realpath "$1")
   if [ "$(id -u)" != 0 ]; then
     echo "SKIP: installing the package needs root"
+    exit 77
+  fi
+  if ! unshare --mount --pid --net --fork true 2>/dev/null; then
+    echo "SKIP: no mount, PID and network namespaces here"
     exit 77
   fi
   work=$(mktemp -d)
@@ -186,7 +191,7 @@ check_purge() {  # check_purge OPT_BEFORE ETC_OPT_BEFORE
     elif [ "$kind" = d ] && [ -d "/$path" ]; then
       :
     elif ! grep -Eq '^(var/lib/dpkg/|var/log/dpkg\.log$|var/cache/(debconf|man)/|etc/(passwd|group|shadow|gshadow)-?$|etc/\.pwd\.lock$)' <<<"$path"; then
-      fail "the purge left /$path"
+      fail "the purge left /$path behind (new or changed)"
     fi
   done < <(comm -13 <(echo "$before") <(upper_listing))
   [ -z "$(ls "$m"/var/lib/dpkg/info/kalvosrv.* 2>/dev/null)" ] || fail "dpkg still knows kalvosrv"
