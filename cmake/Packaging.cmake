@@ -22,7 +22,11 @@ if(NOT SCDOC)
   return()
 endif()
 set(generated)
-foreach(page kalvosrv.8 kalvoctl.1 kalvosrv.reg.5)
+set(pages kalvosrv.8 kalvoctl.1 kalvosrv.reg.5)
+if(TARGET kalvotray)
+  list(APPEND pages kalvotray.1)
+endif()
+foreach(page ${pages})
   string(REGEX REPLACE ".*\\." "" section ${page})
   add_custom_command(
     OUTPUT ${deb_dir}/${page}.gz
@@ -125,9 +129,9 @@ set(CPACK_COMPONENTS_ALL Unspecified deb)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "Zentara smart-card token server
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "Vaultara server component: smart-card token server
 kalvosrv serves the token clients and administration consoles of the
-Zentara suite: token registration, rights, groups, backups, actions and
+Vaultara suite: token registration, rights, groups, backups, actions and
 the audit log, kept in a database reached through ODBC (SQLite,
 PostgreSQL or MariaDB). It runs as the hardened systemd service
 kalvosrv.service. The package also holds the command-line console
@@ -149,4 +153,5 @@ set(KALVO_REQUIRED_PROGRAMS ${CMAKE_BINARY_DIR}/kalvosrv ${CMAKE_BINARY_DIR}/kal
 configure_file(${CMAKE_SOURCE_DIR}/cmake/PackageDepends.cmake.in
                ${CMAKE_BINARY_DIR}/PackageDepends.cmake @ONLY)
 set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_BINARY_DIR}/PackageDepends.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/cmake/DebSharedDirs.cmake)
 include(CPack)

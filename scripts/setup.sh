@@ -14,11 +14,11 @@ packages=(g++ cmake make pkg-config libboost-dev unixodbc unixodbc-dev odbcinst 
 if [ "$mode" = test ]; then
   # Tests and benchmarks, the database engines the tests start themselves (PostgreSQL, and
   # MariaDB's binaries without its system service), the desktop companion, and what makes
-  # and checks the Debian package, and clang with its libFuzzer runtime for the fuzz targets.
+  # and checks the Debian package (iproute2: the install test's own loopback), and clang with its libFuzzer runtime for the fuzz targets.
   packages+=(libgtest-dev libgmock-dev libbenchmark-dev openssl libssl-dev
              odbc-postgresql postgresql mariadb-server-core mariadb-client-core odbc-mariadb
              qt6-base-dev xvfb xauth fonts-dejavu-core
-             dpkg-dev scdoc lintian groff-base systemd file
+             dpkg-dev scdoc lintian groff-base systemd file iproute2
              clang libclang-rt-14-dev)
 fi
 missing=()

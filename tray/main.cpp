@@ -1,5 +1,5 @@
-// kalvotray: the desktop companion of the token server. A tray icon with the status, help
-// and about entries, notifications when the server stops or starts answering, and single
+// kalvotray: the desktop companion of the Vaultara server component. A tray icon with the status,
+// help and about entries, notifications when the server stops or starts answering, and single
 // windows on request for scripts and screenshots.
 #include <signal.h>
 #include <sys/socket.h>

@@ -33,7 +33,8 @@ int main(int argc, char** argv) {
   // allocator raises it after the first large free and keeps later packets in its heap.
   mallopt(M_MMAP_THRESHOLD, 256 * 1024);
   CLI::App app{
-      "kalvosrv - the token server: serves the token clients and administration consoles on "
+      "kalvosrv - the Vaultara server component: serves the token clients and administration "
+      "consoles on "
       "TCP (setting ServerLocalPort, default 15243) and its figures on "
       "http://127.0.0.1:<StatusPort>/status (default 15244).\n"
       "Runs as the systemd service kalvosrv.service; started by hand it needs --foreground.",

@@ -1,7 +1,9 @@
 #include "host/service_host.h"
 
 #include <sys/resource.h>
+#include <syslog.h>
 #include <systemd/sd-daemon.h>
+#include <systemd/sd-journal.h>
 
 #include <boost/asio/signal_set.hpp>
 #include <cerrno>
@@ -14,11 +16,19 @@ namespace {
 // The service control event of a parameter change.
 constexpr int kServiceEventParamChange = 6;
 
+// A log line for the journal (LogToJournal), tagged so that "journalctl -t kalvosrv" finds it
+// also outside the unit. Lines are text, never a format.
+void SendToJournal(std::string_view line) {
+  sd_journal_send("MESSAGE=%.*s", static_cast<int>(line.size()), line.data(), "PRIORITY=%d",
+                  LOG_INFO, "SYSLOG_IDENTIFIER=kalvosrv", nullptr);
+}
+
 }  // namespace
 
 int RunService(const ServerOptions& options) {
   boost::asio::io_context io;
   Server server(io, options);
+  server.log().SetJournalSink(SendToJournal);
   // Taken over before loading, so that a control sent as soon as the log says the server is
   // loaded waits for its handler instead of ending the process (SIGUSR1's default action).
   boost::asio::signal_set signals(io, SIGTERM, SIGINT, SIGUSR1);

@@ -14,6 +14,8 @@
 #include "infra/dates.h"
 #include "infra/files.h"
 #include "infra/registry.h"
+#include "infra/runtime_error.h"
+#include "infra/settings.h"
 #include "infra/text_encoding.h"
 #include "infra/unique_fd.h"
 
@@ -24,7 +26,8 @@ constexpr std::string_view kRoot = "HKEY_LOCAL_MACHINE:Software";
 constexpr std::string_view kMaker = "Orvanta";
 constexpr std::string_view kProduct = "Zentara";
 // The log may name users, addresses and statements: readable by the service's group (the
-// creating process's group) for its administrators, by nobody else.
+// creating process's group, or the directory's when root creates it) for its administrators,
+// by nobody else.
 constexpr mode_t kLogFileMode = 0640;
 
 }  // namespace
@@ -50,6 +53,12 @@ void Log::ReadSettings(int32_t& level, int64_t& max_mib) {
   if (doc != settings_doc_) {
     level_ = RegistryRead(registry_, kRoot, kMaker, kProduct, "LogLevel", 0).ToLong();
     max_mib_ = RegistryRead(registry_, kRoot, kMaker, kProduct, "LogMaxSize", 5).ToLong();
+    try {
+      to_journal_ = SettingBoolean(
+          RegistryRead(registry_, kSettingsRoot, kSettingsKey, "KDX", "LogToJournal", 0));
+    } catch (const RuntimeError&) {
+      to_journal_ = false;  // a value that is no Boolean asks for nothing
+    }
     settings_doc_ = std::move(doc);
   }
   level = level_;
@@ -66,6 +75,7 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
     ReadSettings(level, max_mib);
     if (level == 0 && force) level = 1;
     std::string line(message);
+    if (level > 0 && to_journal_ && journal_sink_) journal_sink_(Cp1252ToUtf8(line));
     if (level > 0) {
       // The size computation is 32-bit: a limit that overflows it loses the line.
       const int64_t limit = max_mib * 1024 * 1024;
@@ -73,13 +83,12 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
 
       line = LogTimestamp() + " - " + line;
       const std::string bytes = Cp1252ToUtf8(line) + "\r\n";
-      const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC;
       // What failed, with the system's reason; empty once the line is written.
       auto failed = [&](std::string_view what) {
         return std::string(what) + " " + path_ + ": " + std::strerror(errno);
       };
       std::string problem;
-      UniqueFd fd(::open(path_.c_str(), flags, kLogFileMode));
+      UniqueFd fd(OpenForAppend(path_, kLogFileMode));
       struct stat st {};
       if (fd.get() < 0 || ::fstat(fd.get(), &st) != 0) {
         problem = failed("cannot open");
@@ -93,7 +102,7 @@ void Log::WriteLog(std::string_view message, bool force, bool trace) {
           if (::rename(path_.c_str(), backup_path_.c_str()) != 0) {
             problem = failed("cannot rotate");
           } else {
-            fd = UniqueFd(::open(path_.c_str(), flags, kLogFileMode));
+            fd = UniqueFd(OpenForAppend(path_, kLogFileMode));
             if (fd.get() < 0) problem = failed("cannot open");
           }
         }

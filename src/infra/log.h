@@ -35,7 +35,10 @@ class Log {
   // bare message when the file was skipped) also goes to the trace object, if one is set.
   // The file holds UTF-8 and is created with mode 0640. It is opened and closed for every
   // line, so renaming it away (log rotation) between two lines loses nothing: the next line
-  // creates a new file. Never throws: a failure loses this one line.
+  // creates a new file. When `LogToJournal` (under the KDX key; default 0) is true and a
+  // journal sink is set, every line that passes the level also goes to the sink, without
+  // the date (the journal keeps its own), whether or not the file could be written. Never
+  // throws: a failure loses this one line.
   void WriteLog(std::string_view message, bool force = false, bool trace = false);
 
   // Writes "Fehler: <number> - <description> (<procedure>) {<extra>}". Never throws.
@@ -50,6 +53,12 @@ class Log {
     problem_sink_ = std::move(sink);
   }
 
+  // Where lines go when LogToJournal asks for it: called with the message in UTF-8, on the
+  // writing thread. Nothing goes there while unset (the default).
+  void SetJournalSink(std::function<void(std::string_view line)> sink) {
+    journal_sink_ = std::move(sink);
+  }
+
   // The trace object for lines written with `trace`; may be null. Must outlive its use here.
   void SetTrace(CDebug* trace) {
     std::lock_guard lock(mutex_);
@@ -59,23 +68,26 @@ class Log {
   const std::string& path() const { return path_; }
 
  private:
-  // Reads LogLevel and LogMaxSize as the registry holds them now.
+  // Reads LogLevel and LogMaxSize as the registry holds them now, and LogToJournal into
+  // `to_journal_`.
   void ReadSettings(int32_t& level, int64_t& max_mib);
   // Reports a change between writing and failing to write (`problem` empty: written).
   void NoteWriteOutcome(const std::string& problem);
 
   RegistryStore& registry_;
-  // The two settings as read from `settings_doc_`; read again whenever the store holds
+  // The three settings as read from `settings_doc_`; read again whenever the store holds
   // another version of the registry than the one they came from.
   std::shared_ptr<const RegDocument> settings_doc_;
   int32_t level_ = 0;
   int64_t max_mib_ = 5;
+  bool to_journal_ = false;
   std::string path_;
   std::string backup_path_;
   CDebug* trace_ = nullptr;
   std::mutex mutex_;  // guards everything below and the file
   bool failing_ = false;
   std::function<void(const std::string&)> problem_sink_;
+  std::function<void(std::string_view)> journal_sink_;
 };
 
 // The present local date and time as the log writes it: "dd.mm.yyyy hh:mm:ss".

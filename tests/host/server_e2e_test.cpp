@@ -1,5 +1,6 @@
 // The real server as a process on loopback, driven over TCP and by signals.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "server_process.h"
 
@@ -244,17 +245,32 @@ TEST(ServerE2E, ServiceControlsArriveAsSignals) {
 
 TEST(ServerE2E, StartedByHandWithoutForegroundEndsWithAMessage) {
   const fs::path dir = fs::temp_directory_path() / ("kalvo_e2e_hand_" + std::to_string(::getpid()));
-  fs::create_directories(dir);
+  // The service's log directory belongs to its account; an administrator's start by hand as
+  // root must not leave a log there that the service can no longer write.
+  const fs::path logs = dir / "logs";
+  fs::create_directories(logs);
+  const bool root = ::geteuid() == 0;
+  if (root) {
+    ASSERT_EQ(::chown(logs.c_str(), 65534, 65534), 0);
+  }
   std::ofstream(dir / "registry.reg") << "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\"
                                          "Zentara]\r\n\"LogLevel\"=dword:00000001\r\n";
   const std::string command = "env -u INVOCATION_ID LANG=C " + std::string(KALVO_BUILD_DIR) +
                               "/kalvosrv --registry " + (dir / "registry.reg").string() +
-                              " --log-file " + (dir / "k.log").string() + " 2>" +
+                              " --log-file " + (logs / "k.log").string() + " 2>" +
                               (dir / "err").string();
   const int status = std::system(command.c_str());
   EXPECT_EQ(WEXITSTATUS(status), 1);
-  EXPECT_FALSE(ReadFile(dir / "err").empty());
-  const std::string log = ReadFile(dir / "k.log");
+  const std::string err = ReadFile(dir / "err");
+  EXPECT_NE(err.find("systemctl start kalvosrv"), std::string::npos) << err;
+  EXPECT_NE(err.find("--foreground"), std::string::npos) << err;
+  if (root) {
+    EXPECT_EQ(fs::directory_iterator(logs)->path().filename(), "k.log");
+    struct stat st {};
+    ASSERT_EQ(::stat((logs / "k.log").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 65534u) << "the log was left as root's";
+  }
+  const std::string log = ReadFile(logs / "k.log");
   EXPECT_NE(log.find("Not starting as service -> loading will be stopped"), std::string::npos);
   EXPECT_NE(log.find("Program will be terminated because another instance is running"),
             std::string::npos);

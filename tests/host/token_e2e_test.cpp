@@ -171,6 +171,76 @@ TEST_F(TokenE2E, TheConsoleCommandsWorkAgainstTheRealServer) {
   EXPECT_EQ(out.find(kAnna), std::string::npos) << out;
 }
 
+// The console verbs that change groups and tokens, each followed by the listing that must
+// show (or no longer show) its effect; and the verbs on servers whose auditing is off or
+// whose database cannot be reached.
+TEST_F(TokenE2E, TheChangingConsoleVerbsWorkAgainstTheRealServer) {
+  PacketPeer client(server_->port());
+  client.Send(101, kAnna, "", "anna", "CN=Anna");
+  ASSERT_EQ(client.Receive().PackageID, 101);
+  const std::string anna = kAnna;
+  const std::string unknown = "A1B2C3D4-0000-4000-8000-0000000000FF";
+  struct Step {
+    std::string verb;
+    int status;          // kalvoctl's exit status for the verb
+    std::string said;    // in the verb's output
+    std::string check;   // a listing run afterwards ("" for none)
+    std::string listed;  // what the listing must hold, or lack
+    bool present;
+  };
+  // Arguments and output are UTF-8 (the bytes are spelled out: literals are Windows-1252).
+  const std::string buyers = "Die Eink\xC3\xA4ufer";
+  const Step steps[] = {
+      {"group-add Einkauf --description '" + buyers + "' --rights 5", 0, "OK", "groups --json",
+       buyers, true},
+      {"group-members Einkauf --add " + anna, 0, "OK", "rights " + anna, "Einkauf", true},
+      {"group-members Einkauf --remove " + anna, 0, "OK", "rights " + anna, "Einkauf", false},
+      {"token-set " + anna + " --person 'Anna Berg' --description Laptop", 0, "OK", "tokens --json",
+       "Anna Berg", true},
+      // What is not given keeps its value.
+      {"token-set " + anna + " --description Tablet", 0, "OK", "tokens --json", "Anna Berg", true},
+      {"token-set " + unknown + " --person Niemand", 3, "knows no token", "tokens --json",
+       "Niemand", false},
+      {"group-members Verkauf --add " + anna, 2, "Verkauf", "groups", "Verkauf", false},
+      {"group-delete Einkauf", 0, "OK", "groups", "Einkauf", false},
+      {"group-delete Einkauf", 2, "Einkauf", "groups", "Jeder", true},
+  };
+  for (const Step& step : steps) {
+    int status = -1;
+    std::string out = Kalvoctl(*server_, step.verb, status);
+    EXPECT_EQ(status, step.status) << step.verb << "\n" << out;
+    EXPECT_NE(out.find(step.said), std::string::npos) << step.verb << "\n" << out;
+    out = Kalvoctl(*server_, step.check, status);
+    EXPECT_EQ(status, 0) << step.check << "\n" << out;
+    EXPECT_EQ(out.find(step.listed) != std::string::npos, step.present)
+        << step.verb << " then " << step.check << "\n"
+        << out;
+  }
+
+  // Auditing off: the empty log is explained, and the listing itself still works.
+  ServerProcess quiet(
+      "\"AuditIsActive\"=dword:00000000\r\n\r\n"
+      "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX\\DB]\r\n"
+      "\"DSN\"=\"" +
+      std::string(kSqliteDsn) + "\"\r\n");
+  int status = -1;
+  std::string out = Kalvoctl(quiet, "audit", status);
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find("auditing is off"), std::string::npos) << out;
+
+  // A database that cannot be reached fails every verb that needs it, before anything is sent.
+  ServerProcess down(
+      "\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX\\DB]\r\n"
+      "\"DSN\"=\"kalvo_no_such_data_source\"\r\n");
+  for (const std::string& verb :
+       {std::string("tokens --json"), std::string("group-add Einkauf"),
+        "group-members Jeder --add " + anna, std::string("group-delete Jeder"),
+        "token-set " + anna + " --person X"}) {
+    out = Kalvoctl(down, verb, status);
+    EXPECT_EQ(status, 3) << verb << "\n" << out;
+  }
+}
+
 TEST_F(TokenE2E, SqlAndSettingsFromTheShell) {
   int status = -1;
   std::string out =

@@ -1,12 +1,14 @@
 #include "infra/log.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <vector>
 
 #include "infra/cdebug.h"
 #include "infra/registry.h"
@@ -129,6 +131,93 @@ TEST_F(LogTest, FileIsPrivateToTheGroupAndSurvivesRotationByRename) {
   EXPECT_NE(Read(LogPath() + ".1").find("first"), std::string::npos);
   EXPECT_NE(Read(LogPath()).find("second"), std::string::npos);
   EXPECT_EQ(Read(LogPath()).find("first"), std::string::npos);
+}
+
+TEST_F(LogTest, FileThatRootCreatesBelongsToTheOwnerOfItsDirectory) {
+  if (::geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
+  // A service account's log directory, and a root-owned one (the program's parent).
+  struct Case {
+    uid_t dir_uid;
+    gid_t dir_gid;
+    bool file_exists_as_root;  // made by root earlier: stays root's
+    uid_t want_uid;
+    gid_t want_gid;
+  } cases[] = {
+      {65534, 65534, false, 65534, 65534},
+      {65534, 0, false, 65534, 0},
+      {0, 0, false, 0, 0},
+      {65534, 65534, true, 0, 0},
+  };
+  for (const Case& c : cases) {
+    const fs::path sub = dir_ / ("d" + std::to_string(&c - cases));
+    fs::create_directories(sub);
+    ASSERT_EQ(::chown(sub.c_str(), c.dir_uid, c.dir_gid), 0);
+    const std::string path = (sub / "kalvosrv.log").string();
+    if (c.file_exists_as_root) std::ofstream(path) << "old\r\n";
+    Log log(Registry("\"LogLevel\"=dword:00000001"), path);
+    log.WriteLog("line");
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, c.want_uid) << sub;
+    EXPECT_EQ(st.st_gid, c.want_gid) << sub;
+    EXPECT_NE(Read(path).find("line"), std::string::npos);
+  }
+  // The generation a rotation starts is a new file too.
+  const fs::path sub = dir_ / "rotated";
+  fs::create_directories(sub);
+  ASSERT_EQ(::chown(sub.c_str(), 65534, 65534), 0);
+  const std::string path = (sub / "kalvosrv.log").string();
+  std::ofstream(path) << std::string(2000, 'x');
+  Log log(Registry("\"LogLevel\"=dword:00000001\r\n\"LogMaxSize\"=dword:00000000"), path);
+  log.WriteLog("after the rotation");
+  EXPECT_EQ(fs::file_size(path + ".bak"), 2000u);
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, 65534u);
+}
+
+TEST_F(LogTest, LogToJournalSendsTheLinesThatPassTheLevelToTheSink) {
+  const struct {
+    const char* values;  // under the product key, then the KDX key
+    bool force;
+    bool journaled;
+  } cases[] = {
+      {"\"LogLevel\"=dword:00000001\r\n[KDX]\r\n\"LogToJournal\"=dword:00000001", false, true},
+      {"\"LogLevel\"=dword:00000001\r\n[KDX]\r\n\"LogToJournal\"=\"True\"", false, true},
+      {"\"LogLevel\"=dword:00000000\r\n[KDX]\r\n\"LogToJournal\"=dword:00000001", true, true},
+      // Below the level: neither file nor journal.
+      {"\"LogLevel\"=dword:00000000\r\n[KDX]\r\n\"LogToJournal\"=dword:00000001", false, false},
+      {"\"LogLevel\"=dword:00000001\r\n[KDX]\r\n\"LogToJournal\"=dword:00000000", false, false},
+      {"\"LogLevel\"=dword:00000001", false, false},  // off unless asked
+      {"\"LogLevel\"=dword:00000001\r\n[KDX]\r\n\"LogToJournal\"=\"ja\"", false, false},
+  };
+  for (const auto& c : cases) {
+    std::string values = c.values;
+    // "[KDX]" stands for the product's KDX key.
+    if (const size_t at = values.find("[KDX]"); at != std::string::npos) {
+      values.replace(at, 5, "\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX]");
+    }
+    Log log(Registry(values), LogPath());
+    std::vector<std::string> journal;
+    log.SetJournalSink([&](std::string_view line) { journal.emplace_back(line); });
+    log.WriteLog(
+        "Gr\xFC\xDF"
+        "e",
+        c.force);
+    EXPECT_EQ(journal, c.journaled ? std::vector<std::string>{"Gr\xC3\xBC\xC3\x9F"
+                                                              "e"}
+                                   : std::vector<std::string>{})
+        << c.values;
+  }
+  // A file that cannot be written does not keep the line from the journal.
+  Log log(Registry("\"LogLevel\"=dword:00000001\r\n\r\n[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\"
+                   "Zentara\\KDX]\r\n\"LogToJournal\"=dword:00000001"),
+          (dir_ / "missing" / "kalvosrv.log").string());
+  log.SetProblemSink([](const std::string&) {});
+  int sent = 0;
+  log.SetJournalSink([&](std::string_view) { ++sent; });
+  log.WriteLog("line");
+  EXPECT_EQ(sent, 1);
 }
 
 TEST_F(LogTest, FileAtTheLimitRotatesBeforeTheNextLine) {

@@ -72,6 +72,7 @@ if [ -x "$build/kalvotray" ]; then
   tray=yes
   expect x /opt/zentara/kdx/kalvotray
   expect f /etc/xdg/autostart/kalvotray.desktop
+  expect f /usr/share/man/man1/kalvotray.1.gz
 fi
 
 # Nothing outside the places above: no build paths, no headers, no static libraries, and
@@ -79,6 +80,9 @@ fi
 unexpected=$(cd "$root" && find . ! -type d | sed 's|^\.||' | grep -Ev \
   '^/opt/zentara/kdx/|^/etc/opt/zentara/|^/etc/xdg/autostart/kalvotray\.desktop$|^/etc/logrotate\.d/kalvosrv$|^/usr/lib/(tmpfiles|sysusers)\.d/kalvosrv\.conf$|^/usr/s?bin/kalvo|^/lib/systemd/system/kalvosrv\.service$|^/usr/share/(man|bash-completion|kalvosrv|doc/kalvosrv|lintian/overrides)/')
 [ -z "$unexpected" ] || fail "unexpected files: $unexpected"
+# /opt and /etc/opt belong to no Debian package: listed in ours, dpkg would remove them with it.
+dpkg-deb -c "$deb" | awk '{print $6}' | grep -Eqx '\./(etc/)?opt/' &&
+  fail "the package lists /opt or /etc/opt itself"
 [ -z "$(find "$root" -name '*.a' -o -name '*.h' -o -name '*.log')" ] ||
   fail "build leftovers in the package"
 
@@ -137,7 +141,9 @@ cmp -s "$root/lib/systemd/system/kalvosrv.service" "$(dirname "$0")/../../packag
   fail "the packaged unit differs from packaging/kalvosrv.service"
 
 # Manual pages render without warnings.
-for m in man8/kalvosrv.8.gz man1/kalvoctl.1.gz man5/kalvosrv.reg.5.gz; do
+pages="man8/kalvosrv.8.gz man1/kalvoctl.1.gz man5/kalvosrv.reg.5.gz"
+[ $tray = no ] || pages="$pages man1/kalvotray.1.gz"
+for m in $pages; do
   w=$(zcat "$root/usr/share/man/$m" | LC_ALL=C.UTF-8 groff -man -Tutf8 -ww -z 2>&1)
   [ -z "$w" ] || fail "$m: $w"
 done

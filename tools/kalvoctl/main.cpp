@@ -12,7 +12,9 @@
 #include "kalvoctl/token_commands.h"
 
 int main(int argc, char** argv) {
-  CLI::App app{"kalvoctl - send requests to the token server and watch its broadcasts"};
+  CLI::App app{
+      "kalvoctl - send requests to the Vaultara server component (kalvosrv) and watch its "
+      "broadcasts"};
   app.require_subcommand(1);
   app.footer(
       "send and listen print packets as they arrive, fields in wire order, texts in UTF-8 with "

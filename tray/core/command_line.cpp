@@ -12,11 +12,11 @@ std::string UsageLine() {
 std::string HelpText() {
   return UsageLine() +
          "\n\n"
-         "The desktop companion of the kalvosrv token server: a tray icon whose menu opens the\n"
-         "status window, the help document (Kalvo.pdf next to the program, opened with the\n"
-         "desktop's default PDF application) and the about window, and notifications when the\n"
-         "server stops answering and when it answers again. Figures come from the server's\n"
-         "status endpoint, read once a second.\n"
+         "The desktop companion of the Vaultara server component (kalvosrv): a tray icon\n"
+         "whose menu opens the status window, the help document (Kalvo.pdf next to the\n"
+         "program, opened with the desktop's default PDF application) and the about window,\n"
+         "and notifications when the server stops answering and when it answers again.\n"
+         "Figures come from the server's status endpoint, read once a second.\n"
          "\n"
          "  --status-url URL    status endpoint to read; default http://127.0.0.1:PORT/status\n"
          "                      with PORT from the registry value StatusPort (default 15244)\n"
