@@ -353,8 +353,5 @@ bool OdbcPoolingEnabled() {
   return value == "yes" || value == "1" || value == "on" || value == "true";
 }
 
-std::string OdbcDriverPoolTimeout(std::string_view driver) {
-  return ReadIniText(OdbcinstPath(), driver, "CPTimeout");
-}
 
 }  // namespace kalvo

@@ -231,8 +231,5 @@ std::string ConnectionKey(std::string_view dsn, std::string_view user, std::stri
 // /etc/odbcinst.ini without those variables; false when nothing is found.
 bool OdbcPoolingEnabled();
 
-// The CPTimeout value of the driver entry `driver` in odbcinst.ini, "" when it has none.
-// Without one the driver manager does not pool that driver's connections.
-std::string OdbcDriverPoolTimeout(std::string_view driver);
 
 }  // namespace kalvo

@@ -155,7 +155,7 @@ void CheckDatabaseSettings(const Settings& s, std::vector<Finding>& out) {
           "KDX\\DB BLOBMaxSize is 0: set the size of one stored part, for example 65536");
 }
 
-void CheckPooling(OdbcEnvironment& env, const Settings& s, std::vector<Finding>& out) {
+void CheckDataSource(OdbcEnvironment& env, const Settings& s, std::vector<Finding>& out) {
   if (s.dsn.empty()) return;
   const std::vector<DataSource> sources = OdbcDataSources(env);
   const auto source = std::find_if(sources.begin(), sources.end(),
@@ -172,18 +172,7 @@ void CheckPooling(OdbcEnvironment& env, const Settings& s, std::vector<Finding>&
                              "not exist: create it, writable by the service's user (the package "
                              "makes /var/lib/kalvosrv)"});
   }
-  if (!OdbcPoolingEnabled()) {
-    out.push_back({true,
-                   "ODBC connection pooling is off: every database operation would open a new "
-                   "connection. Set \"Pooling = Yes\" in the [ODBC] section of odbcinst.ini"});
-  }
-  const std::string timeout = OdbcDriverPoolTimeout(source->driver);
-  if (timeout.empty() || timeout == "0") {
-    out.push_back({true, "the driver \"" + source->driver +
-                             "\" of the data source has no CPTimeout, so its connections are "
-                             "not pooled: add \"CPTimeout = 120\" to its section of "
-                             "odbcinst.ini"});
-  }
+  // The driver manager's pooling is not needed: the database workers keep their connections.
 }
 
 }  // namespace
@@ -241,7 +230,7 @@ std::vector<Finding> PreflightOf(const ServerOptions& options, Loaded& loaded,
                    "requests, including 701 (any SQL); list the consoles' addresses or ranges"});
   }
   OdbcEnvironment env;
-  CheckPooling(env, s, out);
+  CheckDataSource(env, s, out);
   if (scope.database && !s.dsn.empty()) {
     Database database(env, loaded.log, DatabaseSettingsFrom(s));
     DbConnection connection(database);

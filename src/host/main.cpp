@@ -55,8 +55,8 @@ int main(int argc, char** argv) {
                "run in the foreground as if started by the service manager");
   app.add_flag("--check-config", check_config,
                "print the settings (password masked) and every problem of the configuration "
-               "with what to do: registry and language files, settings, credentials, ODBC "
-               "pooling, the database (reachable, tables complete) and the port; exit 0 when "
+               "with what to do: registry and language files, settings, credentials, the data "
+               "source, the database (reachable, tables complete) and the port; exit 0 when "
                "there is no error, 1 otherwise");
   app.add_flag("--init-database", init_database,
                "create the tables, the default group and the lookup indexes on the configured "
