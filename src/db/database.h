@@ -25,8 +25,9 @@ struct DatabaseSettings {
 };
 
 // Holds what every DB* operation needs besides its arguments. `env` and `log` must outlive
-// the Database and every connection made through it. Not thread-safe: all operations run
-// on the server's one event thread.
+// the Database and every connection made through it. Not thread-safe: each request that runs on
+// a database worker has a copy of its own (copyable; the copy shares the environment and the
+// log, which are thread-safe).
 class Database {
  public:
   Database(OdbcEnvironment& env, Log& log, DatabaseSettings settings = {})

@@ -23,7 +23,7 @@ inline constexpr int32_t kErrDllEntryPoint = 453;  // "Can't find DLL entry poin
 // Nothing is loaded until the first Generate. Once loaded, the library stays loaded until
 // this object is destroyed; a load that failed is tried again by the next Generate, so that
 // a library installed while the server runs is found without a restart. Not thread-safe:
-// used from the event thread only.
+// only 601 uses it, which runs alone (see RequestScheduler).
 class CertificateLibrary {
  public:
   static constexpr int kFieldCount = 7;

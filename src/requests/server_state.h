@@ -1,5 +1,7 @@
 // The request-handling state of the server that outlives one packet: the current record,
 // the registered consoles, the tasks handed out, the console login flag and request counts.
+// Changed on the network thread only; a request on a database worker gets a copy (see
+// RequestScheduler).
 #pragma once
 
 #include <cstdint>
@@ -31,7 +33,9 @@ class KeyedIndexList {
 };
 
 struct ServerState {
-  SocketDataStruct current;  // the one record that is decoded into and rewritten as reply
+  // The record of a request handled where it arrived (311 and 501 on the network thread; every
+  // request in a job's own copy of this state), rewritten as its reply.
+  SocketDataStruct current;
   KeyedIndexList admin_connections;
   // Task texts handed to a token client, by connection key; item 1 is the front.
   std::map<std::string, std::vector<std::string>> pending_task_collections;
