@@ -338,15 +338,16 @@ TEST_F(LogTest, AFileThatCannotBeWrittenIsReportedOnceWhenItFailsAndOnceWhenItWo
   log.WriteLog("two");
   log.WriteLog("three");
   ASSERT_EQ(reports.size(), 1u) << "nothing per lost line";
-  EXPECT_NE(reports[0].find("cannot open " + (dir_ / "gone" / "kalvosrv.log").string() +
-                            ": No such file or directory"),
-            std::string::npos)
-      << reports[0];
+  EXPECT_EQ(reports[0], "kalvosrv: the log is not written (cannot open " +
+                            (dir_ / "gone" / "kalvosrv.log").string() +
+                            ": No such file or directory); log lines are lost until it works "
+                            "again");
   fs::create_directories(dir_ / "gone");
   log.WriteLog("four");
   log.WriteLog("five");
   ASSERT_EQ(reports.size(), 2u);
-  EXPECT_NE(reports[1].find("is written again"), std::string::npos) << reports[1];
+  EXPECT_EQ(reports[1], "kalvosrv: the log file " + (dir_ / "gone" / "kalvosrv.log").string() +
+                            " is written again");
   EXPECT_NE(Read(dir_ / "gone" / "kalvosrv.log").find("five"), std::string::npos);
 }
 
