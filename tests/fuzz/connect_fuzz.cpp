@@ -14,6 +14,13 @@
 #include "infra/log.h"
 #include "infra/registry_store.h"
 
+// The driver manager of Debian 12 leaks its character-set converters for every connection handle
+// it frees (which random users and passwords make it do often) and the PostgreSQL driver keeps a
+// little of every connection: neither is ours.
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:iconv_open\nleak:libodbc.so\nleak:psqlodbca.so\n";
+}
+
 namespace {
 
 struct Setup {
