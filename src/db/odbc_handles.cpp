@@ -54,6 +54,13 @@ OdbcEnvironment::OdbcEnvironment(bool pooling) {
   }
 }
 
+OdbcEnvironment::~OdbcEnvironment() {
+  std::vector<OpenConnection> open = std::move(open_);
+  open_.clear();
+  for (OpenConnection& c : open) ReleaseConnectionHandle(std::move(c.dbc));
+  spare_.clear();
+}
+
 DbcHandle OdbcEnvironment::AcquireConnectionHandle() {
   std::lock_guard lock(mutex_);
   if (!spare_.empty()) {
@@ -352,6 +359,5 @@ bool OdbcPoolingEnabled() {
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return value == "yes" || value == "1" || value == "on" || value == "true";
 }
-
 
 }  // namespace kalvo

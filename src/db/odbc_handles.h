@@ -173,6 +173,8 @@ class StallGuard {
 class OdbcEnvironment {
  public:
   explicit OdbcEnvironment(bool pooling = true);
+  // Closes the connections it keeps open as a connection's close does, then frees the handles.
+  ~OdbcEnvironment();
   OdbcEnvironment(const OdbcEnvironment&) = delete;
   OdbcEnvironment& operator=(const OdbcEnvironment&) = delete;
   SQLHENV get() const { return env_.get(); }
@@ -230,6 +232,5 @@ std::string ConnectionKey(std::string_view dsn, std::string_view user, std::stri
 // (or 1/On/True). The file is $ODBCSYSINI/odbcinst.ini (ODBCINSTINI may rename it),
 // /etc/odbcinst.ini without those variables; false when nothing is found.
 bool OdbcPoolingEnabled();
-
 
 }  // namespace kalvo

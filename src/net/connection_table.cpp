@@ -8,6 +8,7 @@
 #include <array>
 #include <boost/asio/ip/address_v4.hpp>
 #include <boost/asio/write.hpp>
+#include <cstring>
 
 #include "net/listener.h"
 
@@ -92,7 +93,9 @@ void ConnectionTable::Accept() {
     if (shed == Shed::kClosedOne) {
       // The connection that waited is closed, so the backlog never fills with connections
       // nobody will serve; the next one may find a descriptor again.
-      ReportRefusal("", "no file descriptor is left (" + ec.message() + ")");
+      // The reason from errno's table: nothing here may need a descriptor.
+      ReportRefusal("",
+                    std::string("no file descriptor is left (") + std::strerror(ec.value()) + ")");
       Accept();
       return;
     }
