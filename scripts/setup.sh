@@ -65,8 +65,8 @@ status=0
 (cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ctest --output-on-failure -j "$jobs" --timeout 600 -L threads) || status=1
 # The SQLite driver's library has no frame pointers: LeakSanitizer needs the slow unwinder to see
-# that a leak inside it is the driver's (tests/db/lsan_suppressions.cpp).
-(cd build-asan && ASAN_OPTIONS=fast_unwind_on_malloc=0 \
+# that a leak inside it is the driver's (tests/lsan.supp, for the servers the tests start too).
+(cd build-asan && ASAN_OPTIONS=fast_unwind_on_malloc=0 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" \
   ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
 (cd build && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
 # The fuzz targets (tests/fuzz) are a clang project of their own. Each runs 60 s on a copy of

@@ -96,25 +96,28 @@ void OdbcEnvironment::DiscardConnectionHandle(DbcHandle dbc) noexcept {
 
 void OdbcEnvironment::KeepOpen(std::string key, DbcHandle dbc) noexcept {
   if (!dbc) return;
-  // Connections that leave the list are closed after the lock is given back: a disconnect
-  // may wait for the database.
   std::vector<OpenConnection> leaving;
-  std::lock_guard lock(mutex_);
-  try {
-    // A connection of another key than the newest is not taken again soon: the settings
-    // changed, or it served a one-off test of another data source.
-    for (auto it = open_.begin(); it != open_.end();) {
-      if (it->key != key || (open_.size() >= kMaxOpen && it == open_.begin())) {
-        leaving.push_back(std::move(*it));
-        it = open_.erase(it);
-      } else {
-        ++it;
+  {
+    std::lock_guard lock(mutex_);
+    try {
+      // A connection of another key than the newest is not taken again soon: the settings
+      // changed, or it served a one-off test of another data source.
+      for (auto it = open_.begin(); it != open_.end();) {
+        if (it->key != key || (open_.size() >= kMaxOpen && it == open_.begin())) {
+          leaving.push_back(std::move(*it));
+          it = open_.erase(it);
+        } else {
+          ++it;
+        }
       }
+      open_.push_back(OpenConnection{std::move(key), std::move(dbc)});
+    } catch (...) {
+      // Out of memory: `dbc` is disconnected and freed as it goes.
     }
-    open_.push_back(OpenConnection{std::move(key), std::move(dbc)});
-  } catch (...) {
-    // Out of memory: `dbc` is disconnected and freed as it goes.
   }
+  // Closed after the lock is given back (a disconnect may wait for the database), their handles
+  // kept for reuse rather than freed (see above).
+  for (OpenConnection& c : leaving) ReleaseConnectionHandle(std::move(c.dbc));
 }
 
 DbcHandle OdbcEnvironment::TakeOpen(std::string_view key) {

@@ -241,6 +241,9 @@ class NoFreeDescriptors {
 };
 
 TEST_F(TableWithClients, WithoutDescriptorsNewConnectionsAreClosedInsteadOfLeftWaiting) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizers' own checks need descriptors the test takes away";
+#endif
   // The clients' sockets exist before the limit is lowered; connecting needs no descriptor.
   std::vector<tcp::socket> clients;
   for (int i = 0; i < 3; ++i) clients.emplace_back(io_).open(tcp::v4());
