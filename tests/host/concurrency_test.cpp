@@ -9,10 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "../db/odbc_test_env.h"
-#include "db/connection.h"
-#include "db/operation.h"
-#include "db/schema.h"
+#include "fresh_sqlite.h"
 #include "packet_peer.h"
 #include "server_process.h"
 
@@ -24,43 +21,15 @@ constexpr const char* kAnna = "A1B2C3D4-0000-4000-8000-00000000000A";
 class ConcurrencyTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    SqliteOdbcDir();
-    settings_.dsn = kSqliteDsn;
-    settings_.string_type = "VARCHAR";
-    settings_.string_max_size = 255;
-    settings_.number_type = "INTEGER";
-    settings_.blob_type = "BLOB";
-    settings_.blob_max_size = 4096;
-    database_ = std::make_unique<Database>(env_, log_, settings_);
-    DbConnection c(*database_);
-    ASSERT_TRUE(DBConnect(c));
-    ASSERT_EQ(DBDropAllTables(c), 0);
-    ASSERT_EQ(DBCreateAllTables(c, settings_,
-                                [](std::string_view, std::string_view key) {
-                                  return std::string(key == "GROUP_EVERYONE" ? "Jeder" : "Alle");
-                                }),
-              0);
+    ASSERT_TRUE(db_.ok());
     server_ = std::make_unique<ServerProcess>(
         "\"AuditIsActive\"=dword:ffffffff\r\n",
-        "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX\\DB]\r\n\"DSN\"=\"" +
-            std::string(kSqliteDsn) +
-            "\"\r\n\"StringType\"=\"VARCHAR\"\r\n\"StringMaxSize\"=dword:000000ff\r\n"
-            "\"NumberType\"=\"INTEGER\"\r\n\"BLOBType\"=\"BLOB\"\r\n"
-            "\"BLOBMaxSize\"=dword:00001000\r\n\"DatabaseWorkers\"=dword:00000004\r\n\r\n");
+        FreshSqlite::DatabaseKey("\"DatabaseWorkers\"=dword:00000004\r\n"));
   }
 
-  std::string Query(std::string_view sql) {
-    return RunOperation(*database_, "Query", ConnectFailure::kPlain, std::string(),
-                        [&](DbConnection& c, std::string& result) {
-                          result = QueryText(c, Statement(sql), "|", "$", false, true);
-                        });
-  }
+  std::string Query(std::string_view sql) { return db_.Query(sql); }
 
-  RegistryStore registry_{"/nonexistent/kalvo/registry.reg"};
-  Log log_{registry_, "/dev/null"};
-  OdbcEnvironment env_{true};
-  DatabaseSettings settings_;
-  std::unique_ptr<Database> database_;
+  FreshSqlite db_;
   std::unique_ptr<ServerProcess> server_;
 };
 

@@ -18,6 +18,7 @@
 #include "db/operation.h"
 #include "db/schema.h"
 #include "db/tokens.h"
+#include "fresh_sqlite.h"
 #include "infra/arrays.h"
 #include "packet_peer.h"
 #include "server_process.h"
@@ -32,33 +33,13 @@ constexpr const char* kAction = "AC000000-0000-4000-8000-000000000001";
 
 class CrashTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    SqliteOdbcDir();
-    settings_.dsn = kSqliteDsn;
-    settings_.string_type = "VARCHAR";
-    settings_.string_max_size = 255;
-    settings_.number_type = "INTEGER";
-    settings_.blob_type = "BLOB";
-    settings_.blob_max_size = 4096;
-    database_ = std::make_unique<Database>(env_, log_, settings_);
-    DbConnection c(*database_);
-    ASSERT_TRUE(DBConnect(c));
-    ASSERT_EQ(DBDropAllTables(c), 0);
-    ASSERT_EQ(DBCreateAllTables(c, settings_,
-                                [](std::string_view, std::string_view key) {
-                                  return std::string(key == "GROUP_EVERYONE" ? "Jeder" : "Alle");
-                                }),
-              0);
-  }
+  void SetUp() override { ASSERT_TRUE(db_.ok()); }
 
   std::unique_ptr<ServerProcess> StartServer() {
-    const std::string product = "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX";
     return std::make_unique<ServerProcess>(
-        "", product + "\\DB]\r\n\"DSN\"=\"" + kSqliteDsn +
-                "\"\r\n\"StringType\"=\"VARCHAR\"\r\n\"StringMaxSize\"=dword:000000ff\r\n"
-                "\"NumberType\"=\"INTEGER\"\r\n\"BLOBType\"=\"BLOB\"\r\n"
-                "\"BLOBMaxSize\"=dword:00001000\r\n\r\n" +
-                product + "\\Backup]\r\n\"Automatic\"=dword:00000001\r\n\r\n");
+        "", FreshSqlite::DatabaseKey() +
+                "[HKEY_LOCAL_MACHINE\\Software\\Orvanta\\Zentara\\KDX\\Backup]\r\n"
+                "\"Automatic\"=dword:00000001\r\n\r\n");
   }
 
   // Sends one request through `send` to a fresh server and kills the server at a random moment
@@ -98,23 +79,10 @@ class CrashTest : public ::testing::Test {
                 what.c_str(), cut, kTrials, static_cast<long long>(whole.count()));
   }
 
-  std::string Query(std::string_view sql) {
-    return RunOperation(*database_, "Query", ConnectFailure::kPlain, std::string(),
-                        [&](DbConnection& c, std::string& result) {
-                          result = QueryText(c, Statement(sql), "|", "$", false, true);
-                        });
-  }
-  void MustExecute(std::string_view sql) {
-    DbConnection c(*database_);
-    RecordSet ignored;
-    ASSERT_TRUE(DBConnect(c) && DBExecuteSQLCommand(c, Statement(sql), ignored)) << sql;
-  }
+  std::string Query(std::string_view sql) { return db_.Query(sql); }
+  void MustExecute(std::string_view sql) { db_.MustExecute(sql); }
 
-  RegistryStore registry_{"/nonexistent/kalvo/registry.reg"};
-  Log log_{registry_, "/dev/null"};
-  OdbcEnvironment env_{true};
-  DatabaseSettings settings_;
-  std::unique_ptr<Database> database_;
+  FreshSqlite db_;
 };
 
 // A backup of 1 MiB in 256 parts; one automatic backup is kept, so every store also deletes
@@ -123,7 +91,7 @@ TEST_F(CrashTest, ABackupIsWholeOrTheOneBeforeIsStillThere) {
   auto data = [](int trial) { return std::string(1 << 20, static_cast<char>('a' + trial)); };
   auto read = [&] {
     std::string time;
-    return DBGetTokenBackupData(*database_, kAnna, "1", kAutomaticBackup, time) + "|" +
+    return DBGetTokenBackupData(db_.database(), kAnna, "1", kAutomaticBackup, time) + "|" +
            Query("SELECT COUNT(DISTINCT backup_index) FROM tbl_kdx_backup");
   };
   CutOffAtRandomMoments(
@@ -154,11 +122,11 @@ TEST_F(CrashTest, AnActionIsWholeOrAsBefore) {
     a.data = "alt";
     return std::optional(a);
   }();
-  ASSERT_TRUE(DBSetActionData(*database_, *first, false));
+  ASSERT_TRUE(DBSetActionData(db_.database(), *first, false));
   auto read = [&] {
     return Query("SELECT action_name FROM tbl_kdx_job_properties") + "#" +
            Query("SELECT member_guid FROM tbl_kdx_job_members") + "#" +
-           DBGetActionObjectData(*database_, kAction);
+           DBGetActionObjectData(db_.database(), kAction);
   };
   CutOffAtRandomMoments(
       "action",
