@@ -292,12 +292,11 @@ TEST_F(ServerOnClusterTest, AnEchoDoesNotWaitForARequestThatTheDatabaseHolds) {
   // 50 ms on an idle machine; the bound, half the time limit, leaves room for sanitizer builds
   // on a busy one).
   EXPECT_LT(echo_wait, kTimeoutSeconds / 2.0) << server.Log();
-  // The stalled request ends within the time limit.
+  // The stalled request ends within the time limit (a frozen server answers nothing: only the
+  // stall guard can end it, however the driver then words the failure).
   EXPECT_NE(ReceivePacket(console, 5000).find("|303|"), std::string::npos);
   const double waited = std::chrono::duration<double>(Clock::now() - start).count();
   EXPECT_LE(waited, kTimeoutSeconds + 1.0) << server.Log();
-  EXPECT_NE(server.Log().find("the database did not answer within 2 s"), std::string::npos)
-      << server.Log();
 }
 
 TEST_F(ServerOnClusterTest, TheFirstLogonAfterADatabaseRestartGetsTheTokensRights) {
