@@ -66,7 +66,8 @@ status=0
   ctest --output-on-failure -j "$jobs" --timeout 600 -L threads) || status=1
 # The SQLite driver's library has no frame pointers: LeakSanitizer needs the slow unwinder to see
 # that a leak inside it is the driver's (tests/lsan.supp, for the servers the tests start too).
-(cd build-asan && ASAN_OPTIONS=fast_unwind_on_malloc=0 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" \
+lsan_suppressions="$PWD/tests/lsan.supp"
+(cd build-asan && ASAN_OPTIONS=fast_unwind_on_malloc=0 LSAN_OPTIONS="suppressions=$lsan_suppressions" \
   ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
 (cd build && ctest --output-on-failure -j "$jobs" --timeout 600) || status=1
 # The fuzz targets (tests/fuzz) are a clang project of their own. Each runs 60 s on a copy of
